@@ -1,0 +1,192 @@
+// Log capture, call journal, failure on demand and process identity of the
+// host platform.
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "host_internal.h"
+#include "qov_host_ctl.h"
+
+namespace {
+
+struct Fault {
+    std::string op;
+    uint32_t times;
+    int64_t result;
+};
+
+struct State {
+    std::mutex mu;
+    std::vector<QovHostLogLine> logs;
+    std::vector<QovHostCall> journal;
+    std::vector<Fault> faults;
+};
+
+// Never destroyed: host threads may still log while the process exits.
+State &S() {
+    static State *s = new State;
+    return *s;
+}
+
+constexpr size_t kMaxLogLines = 1u << 20;
+constexpr size_t kMaxJournal = 1u << 16;
+
+std::atomic<bool> g_echo{true};
+std::atomic<bool> g_capture{true};
+std::atomic<bool> g_journalOn{true};
+std::atomic<uint32_t> g_faultsArmed{0};
+
+template <size_t N>
+void CopyStr(char (&dst)[N], const char *src) {
+    if (src == nullptr) {
+        dst[0] = '\0';
+        return;
+    }
+    std::snprintf(dst, N, "%s", src);
+}
+
+}  // namespace
+
+namespace qovhost {
+std::atomic<uint32_t> g_roleMb{1};
+std::atomic<uint32_t> g_slot{1};
+std::atomic<uint32_t> g_cpu{0};
+std::atomic<uint32_t> g_orchId{0};
+std::atomic<int> g_orchIdEntry{1};
+}  // namespace qovhost
+
+extern "C" {
+
+QOV_PLAT_API void KRT_DiagLogWrite(const char *module, const char *text) {
+    if (text == nullptr) return;
+    if (g_echo.load(std::memory_order_relaxed))
+        std::fprintf(stderr, "[%s] %s\n", module != nullptr ? module : "", text);
+    if (!g_capture.load(std::memory_order_relaxed)) return;
+    QovHostLogLine line;
+    CopyStr(line.module, module);
+    CopyStr(line.text, text);
+    std::lock_guard<std::mutex> lk(S().mu);
+    if (S().logs.size() < kMaxLogLines) S().logs.push_back(line);
+}
+
+QOV_PLAT_API void QovHostLogEcho(int toStderr) { g_echo = toStderr != 0; }
+QOV_PLAT_API void QovHostLogCapture(int on) { g_capture = on != 0; }
+
+QOV_PLAT_API uint32_t QovHostLogCount(void) {
+    std::lock_guard<std::mutex> lk(S().mu);
+    return static_cast<uint32_t>(S().logs.size());
+}
+
+QOV_PLAT_API int QovHostLogGet(uint32_t i, QovHostLogLine *out) {
+    std::lock_guard<std::mutex> lk(S().mu);
+    if (out == nullptr || i >= S().logs.size()) return -1;
+    *out = S().logs[i];
+    return 0;
+}
+
+QOV_PLAT_API void QovHostLogClear(void) {
+    std::lock_guard<std::mutex> lk(S().mu);
+    S().logs.clear();
+}
+
+QOV_PLAT_API void QovHostJournalRecord(const char *op, const uint64_t *args, uint32_t argc, const char *str,
+                                       const void *rec, uint32_t recLen) {
+    if (!g_journalOn.load(std::memory_order_relaxed)) return;
+    QovHostCall c{};
+    CopyStr(c.op, op);
+    c.argc = argc < QOV_HOST_CALL_ARGS ? argc : QOV_HOST_CALL_ARGS;
+    for (uint32_t i = 0; i < c.argc; ++i) c.arg[i] = args[i];
+    CopyStr(c.str, str);
+    if (rec != nullptr) {
+        c.recLen = recLen < QOV_HOST_CALL_REC ? recLen : QOV_HOST_CALL_REC;
+        std::memcpy(c.rec, rec, c.recLen);
+    }
+    std::lock_guard<std::mutex> lk(S().mu);
+    if (S().journal.size() < kMaxJournal) S().journal.push_back(c);
+}
+
+QOV_PLAT_API void QovHostJournalEnable(int on) { g_journalOn = on != 0; }
+
+QOV_PLAT_API uint32_t QovHostJournalCount(void) {
+    std::lock_guard<std::mutex> lk(S().mu);
+    return static_cast<uint32_t>(S().journal.size());
+}
+
+QOV_PLAT_API int QovHostJournalGet(uint32_t i, QovHostCall *out) {
+    std::lock_guard<std::mutex> lk(S().mu);
+    if (out == nullptr || i >= S().journal.size()) return -1;
+    *out = S().journal[i];
+    return 0;
+}
+
+QOV_PLAT_API uint32_t QovHostJournalFind(const char *op, uint32_t from) {
+    std::lock_guard<std::mutex> lk(S().mu);
+    for (size_t i = from; i < S().journal.size(); ++i)
+        if (std::strcmp(S().journal[i].op, op) == 0) return static_cast<uint32_t>(i);
+    return UINT32_MAX;
+}
+
+QOV_PLAT_API uint32_t QovHostJournalCountOf(const char *op) {
+    std::lock_guard<std::mutex> lk(S().mu);
+    uint32_t n = 0;
+    for (const auto &c : S().journal) n += std::strcmp(c.op, op) == 0 ? 1u : 0u;
+    return n;
+}
+
+QOV_PLAT_API void QovHostJournalClear(void) {
+    std::lock_guard<std::mutex> lk(S().mu);
+    S().journal.clear();
+}
+
+QOV_PLAT_API void QovHostFailNext(const char *op, uint32_t times, int64_t result) {
+    if (op == nullptr || times == 0) return;
+    std::lock_guard<std::mutex> lk(S().mu);
+    S().faults.push_back(Fault{op, times, result});
+    g_faultsArmed.store(static_cast<uint32_t>(S().faults.size()));
+}
+
+QOV_PLAT_API void QovHostFailClear(void) {
+    std::lock_guard<std::mutex> lk(S().mu);
+    S().faults.clear();
+    g_faultsArmed.store(0);
+}
+
+QOV_PLAT_API int QovHostFaultHit(const char *op, int64_t *result) {
+    if (g_faultsArmed.load(std::memory_order_relaxed) == 0) return 0;
+    std::lock_guard<std::mutex> lk(S().mu);
+    auto &faults = S().faults;
+    for (size_t i = 0; i < faults.size(); ++i) {
+        if (faults[i].op != op) continue;
+        if (result != nullptr) *result = faults[i].result;
+        if (--faults[i].times == 0) faults.erase(faults.begin() + static_cast<std::ptrdiff_t>(i));
+        g_faultsArmed.store(static_cast<uint32_t>(faults.size()));
+        return 1;
+    }
+    return 0;
+}
+
+QOV_PLAT_API void QovHostSetRoleMb(uint32_t isMb) { qovhost::g_roleMb = isMb; }
+QOV_PLAT_API uint32_t QovHostRoleMb(void) { return qovhost::g_roleMb.load(); }
+QOV_PLAT_API void QovHostSetSlot(uint32_t slot) { qovhost::g_slot = slot; }
+QOV_PLAT_API void QovHostSetCpu(uint32_t cpu) { qovhost::g_cpu = cpu; }
+QOV_PLAT_API void QovHostSetOrchId(uint32_t orchId) { qovhost::g_orchId = orchId; }
+QOV_PLAT_API void QovHostSetOrchIdEntry(int present) { qovhost::g_orchIdEntry = present; }
+
+QOV_PLAT_API void QovHostReset(void) {
+    QovHostLogClear();
+    QovHostJournalClear();
+    QovHostFailClear();
+    g_echo = true;
+    g_capture = true;
+    g_journalOn = true;
+    qovhost::g_roleMb = 1;
+    qovhost::g_slot = 1;
+    qovhost::g_cpu = 0;
+    qovhost::g_orchId = 0;
+    qovhost::g_orchIdEntry = 1;
+}
+
+}  // extern "C"

@@ -1,0 +1,198 @@
+// EAL instances: one epoll set per thread kind, created with the instance;
+// Start runs a loop thread for each registered thread kind (Data always).
+#include <pthread.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "eal_internal.h"
+#include "host_eal.h"
+#include "host_internal.h"
+
+namespace qovhost {
+namespace {
+
+std::mutex g_liveMu;
+std::set<EalInstance *> *g_live = new std::set<EalInstance *>;
+
+void RunLoop(EalInstance *eal, uint32_t kind) {
+    if (eal->threadName[kind][0] != '\0') {
+        char shortName[16];
+        std::snprintf(shortName, sizeof shortName, "%s", eal->threadName[kind]);
+        pthread_setname_np(pthread_self(), shortName);
+    }
+    bool stopped = false;
+    while (!stopped) {
+        if (EpollRunOnce(eal->epFd[kind], -1, eal->stopFd, &stopped) < 0) break;
+    }
+}
+
+void CloseAll(EalInstance *eal) {
+    for (int32_t &fd : eal->epFd) {
+        if (fd < 0) continue;
+        EpollForgetSet(fd);
+        close(fd);
+        fd = -1;
+    }
+    if (eal->stopFd >= 0) close(eal->stopFd);
+    eal->stopFd = -1;
+}
+
+// Makes the epoll sets and the stop descriptor watched by each of them.
+bool OpenAll(EalInstance *eal) {
+    eal->stopFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (eal->stopFd < 0) return false;
+    for (int32_t &fd : eal->epFd) {
+        fd = epoll_create1(EPOLL_CLOEXEC);
+        if (fd < 0) return false;
+        epoll_event ev{};
+        ev.events = EPOLLIN;
+        ev.data.u64 = 0;
+        if (epoll_ctl(fd, EPOLL_CTL_ADD, eal->stopFd, &ev) != 0) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+EalInstance *LiveEal(void *eal) {
+    std::lock_guard<std::mutex> lk(g_liveMu);
+    auto *e = static_cast<EalInstance *>(eal);
+    return g_live->count(e) != 0 ? e : nullptr;
+}
+
+}  // namespace qovhost
+
+using qovhost::EalInstance;
+using qovhost::LiveEal;
+
+extern "C" {
+
+QOV_PLAT_API void *QOV_EAL_Create(const char *name, const QOV_EAL_CreatePara *para) {
+    qovhost::Journal("QOV_EAL_Create", {qovhost::U(name), qovhost::U(para)}, name, para,
+                     para != nullptr ? sizeof *para : 0);
+    int64_t r = 0;
+    if (qovhost::Fail("QOV_EAL_Create", &r) || name == nullptr || para == nullptr) return nullptr;
+    auto *eal = new EalInstance;
+    std::snprintf(eal->name, sizeof eal->name, "%s", name);
+    eal->para = *para;
+    if (!qovhost::OpenAll(eal)) {
+        qovhost::CloseAll(eal);
+        delete eal;
+        return nullptr;
+    }
+    std::lock_guard<std::mutex> lk(qovhost::g_liveMu);
+    qovhost::g_live->insert(eal);
+    return eal;
+}
+
+QOV_PLAT_API uint32_t QOV_EAL_Init(void *eal) {
+    qovhost::Journal("QOV_EAL_Init", {qovhost::U(eal)});
+    int64_t r = 0;
+    if (qovhost::Fail("QOV_EAL_Init", &r)) return static_cast<uint32_t>(r);
+    EalInstance *e = LiveEal(eal);
+    if (e == nullptr) return 1;
+    e->inited = true;
+    return 0;
+}
+
+QOV_PLAT_API uint32_t QOV_EAL_Start(void *eal) {
+    qovhost::Journal("QOV_EAL_Start", {qovhost::U(eal)});
+    int64_t r = 0;
+    if (qovhost::Fail("QOV_EAL_Start", &r)) return static_cast<uint32_t>(r);
+    EalInstance *e = LiveEal(eal);
+    if (e == nullptr || !e->inited || e->started) return 1;
+    uint32_t mask = e->threadMask | (1u << QOV_EAL_THREAD_DATA);
+    for (uint32_t k = 0; k < QOV_EAL_THREAD_KIND_NUM; ++k) {
+        if ((mask & (1u << k)) == 0) continue;
+        e->threads[k] = std::thread(qovhost::RunLoop, e, k);
+    }
+    e->started = true;
+    return 0;
+}
+
+QOV_PLAT_API uint32_t QOV_EAL_SetOndemandParam(void *eal, uint64_t value) {
+    qovhost::Journal("QOV_EAL_SetOndemandParam", {qovhost::U(eal), value});
+    int64_t r = 0;
+    if (qovhost::Fail("QOV_EAL_SetOndemandParam", &r)) return static_cast<uint32_t>(r);
+    EalInstance *e = LiveEal(eal);
+    if (e == nullptr) return 1;
+    e->ondemand = value;
+    return 0;
+}
+
+QOV_PLAT_API uint32_t QOV_EAL_ModInitOk(void *eal) {
+    qovhost::Journal("QOV_EAL_ModInitOk", {qovhost::U(eal)});
+    int64_t r = 0;
+    if (qovhost::Fail("QOV_EAL_ModInitOk", &r)) return static_cast<uint32_t>(r);
+    EalInstance *e = LiveEal(eal);
+    if (e == nullptr) return 1;
+    e->modInitOk = true;
+    return 0;
+}
+
+QOV_PLAT_API int32_t QOV_EAL_GetEpollFd(void *eal, uint32_t epollIdx) {
+    qovhost::Journal("QOV_EAL_GetEpollFd", {qovhost::U(eal), epollIdx});
+    int64_t r = 0;
+    if (qovhost::Fail("QOV_EAL_GetEpollFd", &r)) return static_cast<int32_t>(r);
+    EalInstance *e = LiveEal(eal);
+    if (e == nullptr || epollIdx >= QOV_EAL_THREAD_KIND_NUM) return -1;
+    return e->epFd[epollIdx];
+}
+
+QOV_PLAT_API void QOV_EAL_Destroy(void *eal) {
+    qovhost::Journal("QOV_EAL_Destroy", {qovhost::U(eal)});
+    EalInstance *e = nullptr;
+    {
+        std::lock_guard<std::mutex> lk(qovhost::g_liveMu);
+        auto *cand = static_cast<EalInstance *>(eal);
+        if (qovhost::g_live->erase(cand) != 0) e = cand;
+    }
+    if (e == nullptr) return;
+    uint64_t one = 1;
+    if (e->stopFd >= 0 && write(e->stopFd, &one, sizeof one) < 0) std::perror("QOV_EAL_Destroy: stop");
+    for (std::thread &t : e->threads)
+        if (t.joinable()) t.join();
+    qovhost::CloseAll(e);
+    delete e;
+}
+
+QOV_PLAT_API uint32_t QOV_EAL_RegThread(void *eal, const QOV_EAL_ThreadPara *threads, uint32_t num) {
+    qovhost::Journal("QOV_EAL_RegThread", {qovhost::U(eal), qovhost::U(threads), num}, nullptr, threads,
+                     threads != nullptr && num <= QOV_EAL_THREAD_KIND_NUM ? num * sizeof *threads : 0);
+    int64_t r = 0;
+    if (qovhost::Fail("QOV_EAL_RegThread", &r)) return static_cast<uint32_t>(r);
+    EalInstance *e = LiveEal(eal);
+    if (e == nullptr || e->started || (threads == nullptr && num != 0) || num > QOV_EAL_THREAD_KIND_NUM) return 1;
+    for (uint32_t i = 0; i < num; ++i) {
+        if (threads[i].threadId >= QOV_EAL_THREAD_KIND_NUM) return 1;
+    }
+    for (uint32_t i = 0; i < num; ++i) {
+        uint32_t k = threads[i].threadId;
+        e->threadMask |= 1u << k;
+        std::snprintf(e->threadName[k], sizeof e->threadName[k], "%.*s", 31, threads[i].threadName);
+    }
+    return 0;
+}
+
+QOV_PLAT_API uint32_t QOV_EAL_RegModStateRsp(void *eal, uint64_t modStateRsp, uint32_t modStateRspArg) {
+    qovhost::Journal("QOV_EAL_RegModStateRsp", {qovhost::U(eal), modStateRsp, modStateRspArg});
+    int64_t r = 0;
+    if (qovhost::Fail("QOV_EAL_RegModStateRsp", &r)) return static_cast<uint32_t>(r);
+    return LiveEal(eal) != nullptr ? 0 : 1;
+}
+
+QOV_PLAT_API uint32_t QOV_EAL_ReservePort(void *eal, uint32_t para0, uint32_t para1) {
+    qovhost::Journal("QOV_EAL_ReservePort", {qovhost::U(eal), para0, para1});
+    int64_t r = 0;
+    if (qovhost::Fail("QOV_EAL_ReservePort", &r)) return static_cast<uint32_t>(r);
+    return LiveEal(eal) != nullptr ? 0 : 1;
+}
+
+}  // extern "C"

@@ -1,0 +1,26 @@
+// Periodic timers on timerfd, owned by the epoll set they are made in.
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include "eal_internal.h"
+#include "host_internal.h"
+
+extern "C" QOV_PLAT_API int32_t QOV_TIMER_Create(uint32_t timerWord, uint64_t timerVal0, uint64_t timerVal1,
+                                                 int32_t epFd) {
+    qovhost::Journal("QOV_TIMER_Create", {timerWord, timerVal0, timerVal1, static_cast<uint64_t>(epFd)});
+    int64_t r = 0;
+    if (qovhost::Fail("QOV_TIMER_Create", &r)) return static_cast<int32_t>(r);
+    if (timerWord == 0 || epFd < 0) return -1;
+    int fd = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+    if (fd < 0) return -1;
+    itimerspec spec{};
+    spec.it_interval.tv_sec = timerWord / 1000;
+    spec.it_interval.tv_nsec = static_cast<long>(timerWord % 1000) * 1000000L;
+    spec.it_value = spec.it_interval;
+    auto cb = reinterpret_cast<QOV_TIMER_CALLBACK>(static_cast<uintptr_t>(timerVal0));
+    if (timerfd_settime(fd, 0, &spec, nullptr) != 0 || qovhost::EpollAddTimer(epFd, fd, cb, timerVal1) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}

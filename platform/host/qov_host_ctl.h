@@ -1,0 +1,87 @@
+/* Control of the host platform, for tests and examples only (the library
+ * never includes it). It captures the diagnostic log, journals platform calls
+ * with their arguments and the bytes of the records handed over, makes a named
+ * operation fail on demand, sets the process's identity, and runs single turns
+ * of an epoll set. Every function here is thread-safe. */
+#ifndef QOV_HOST_CTL_H
+#define QOV_HOST_CTL_H
+
+#include <stddef.h>
+#include <stdint.h>
+#include "qov_utils_base.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Diagnostic log capture ---- */
+typedef struct QovHostLogLine {
+    char module[32];
+    char text[512];
+} QovHostLogLine;
+
+/* Echo each line to stderr (default on). */
+QOV_PLAT_API void QovHostLogEcho(int toStderr);
+/* Keep lines in memory (default on). */
+QOV_PLAT_API void QovHostLogCapture(int on);
+QOV_PLAT_API uint32_t QovHostLogCount(void);
+/* Copies line i (0 = oldest kept); 0 on success, -1 when i is out of range. */
+QOV_PLAT_API int QovHostLogGet(uint32_t i, QovHostLogLine *out);
+QOV_PLAT_API void QovHostLogClear(void);
+
+/* ---- Journal of platform calls ----
+ * Journaled: COMP_GetVTable and the orchpub entries, eventfd_s, every QOV_EAL_,
+ * QOV_CHAN_, QOV_EPOLL_, QOV_TIMER_ and QOV_ENTRY_ operation. The hash table
+ * and tree operations are not journaled (they are the hot path) but can fail
+ * on demand. */
+#define QOV_HOST_CALL_ARGS 8u
+#define QOV_HOST_CALL_REC 256u
+typedef struct QovHostCall {
+    char op[48];
+    uint32_t argc;
+    uint64_t arg[QOV_HOST_CALL_ARGS]; /* integer and pointer arguments, in order */
+    char str[48];                     /* the string argument, when the call has one */
+    uint32_t recLen;                  /* bytes of the record(s) handed over */
+    uint8_t rec[QOV_HOST_CALL_REC];
+} QovHostCall;
+
+QOV_PLAT_API void QovHostJournalEnable(int on);
+QOV_PLAT_API uint32_t QovHostJournalCount(void);
+/* Copies call i; 0 on success, -1 when i is out of range. */
+QOV_PLAT_API int QovHostJournalGet(uint32_t i, QovHostCall *out);
+/* Index of the first call of op at or after from; UINT32_MAX when none. */
+QOV_PLAT_API uint32_t QovHostJournalFind(const char *op, uint32_t from);
+/* Number of journaled calls of op. */
+QOV_PLAT_API uint32_t QovHostJournalCountOf(const char *op);
+QOV_PLAT_API void QovHostJournalClear(void);
+
+/* ---- Failure on demand ----
+ * The next `times` calls of the named operation fail with `result` (an
+ * operation returning a pointer returns null instead). Names are the
+ * operations' own, plus "getOrchIdBySlotAndCpu" for the orchpub entry 18.
+ * COMP_GetVTable failed with result 0 returns 0 and a null table. */
+QOV_PLAT_API void QovHostFailNext(const char *op, uint32_t times, int64_t result);
+QOV_PLAT_API void QovHostFailClear(void);
+
+/* ---- Identity of the process ---- */
+QOV_PLAT_API void QovHostSetRoleMb(uint32_t isMb); /* default 1 */
+QOV_PLAT_API void QovHostSetSlot(uint32_t slot);   /* default 1 */
+QOV_PLAT_API void QovHostSetCpu(uint32_t cpu);     /* default 0 */
+QOV_PLAT_API void QovHostSetOrchId(uint32_t orchId); /* default 0 */
+/* Whether orchpub entry 18 (getOrchIdBySlotAndCpu) is present (default 1). */
+QOV_PLAT_API void QovHostSetOrchIdEntry(int present);
+
+/* Clears the log, the journal and the failures, and restores the defaults. */
+QOV_PLAT_API void QovHostReset(void);
+
+/* ---- Epoll sets (libqov_utils_eal) ----
+ * Waits up to timeoutMs for the epoll set and dispatches what is ready on the
+ * calling thread; returns the number of callbacks run, -1 on error. Use it
+ * only on a set that no EAL thread is serving. */
+QOV_PLAT_API int32_t QovHostEpollRunOnce(int32_t epFd, int32_t timeoutMs);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,12 @@
+#!/bin/sh
+# Compares the dynamic symbols a shared library defines with the expected list.
+set -eu
+lib=$1
+expected=$2
+actual=$(mktemp)
+trap 'rm -f "$actual"' EXIT
+nm -D --defined-only "$lib" | awk '$2 ~ /^[TDBRVW]$/ {print $3}' | sort -u > "$actual"
+if ! diff -u "$expected" "$actual"; then
+  echo "exported symbols differ from $expected (- expected, + exported)" >&2
+  exit 1
+fi

@@ -1,0 +1,70 @@
+#include "support/test_alloc.h"
+
+#include <atomic>
+#include <cstdlib>
+
+namespace qovtest {
+namespace {
+
+constexpr uint64_t kLive = 0x51A11C0CA7ED0001ull;
+constexpr uint64_t kDead = 0xDEADF4EEDEADF4EEull;
+
+struct alignas(16) Header {
+    uint64_t magic;
+    uint64_t size;
+};
+
+std::atomic<uint64_t> g_allocs{0};
+std::atomic<uint64_t> g_frees{0};
+std::atomic<int64_t> g_outstanding{0};
+std::atomic<uint64_t> g_badFrees{0};
+std::atomic<uint64_t> g_failAt{0};
+std::atomic<uint64_t> g_failFrom{0};
+
+}  // namespace
+
+void *TestAlloc(uint32_t size) {
+    uint64_t n = ++g_allocs;
+    uint64_t failFrom = g_failFrom.load();
+    if (n == g_failAt.load() || (failFrom != 0 && n >= failFrom)) return nullptr;
+    auto *h = static_cast<Header *>(std::malloc(sizeof(Header) + size));
+    if (h == nullptr) return nullptr;
+    h->magic = kLive;
+    h->size = size;
+    ++g_outstanding;
+    return h + 1;
+}
+
+void TestFree(void *ptr) {
+    if (ptr == nullptr) {
+        ++g_badFrees;
+        return;
+    }
+    Header *h = static_cast<Header *>(ptr) - 1;
+    if (h->magic != kLive) {
+        ++g_badFrees;
+        return;
+    }
+    h->magic = kDead;
+    ++g_frees;
+    --g_outstanding;
+    std::free(h);
+}
+
+void AllocReset() {
+    g_allocs = 0;
+    g_frees = 0;
+    g_outstanding = 0;
+    g_badFrees = 0;
+    g_failAt = 0;
+    g_failFrom = 0;
+}
+
+void AllocFailAt(uint64_t k) { g_failAt = k; }
+void AllocFailFrom(uint64_t k) { g_failFrom = k; }
+uint64_t AllocCount() { return g_allocs.load(); }
+uint64_t FreeCount() { return g_frees.load(); }
+int64_t AllocOutstanding() { return g_outstanding.load(); }
+uint64_t AllocBadFrees() { return g_badFrees.load(); }
+
+}  // namespace qovtest
