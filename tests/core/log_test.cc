@@ -1,0 +1,47 @@
+#include <string>
+
+#include "qov_as_log.h"
+#include "support/test_env.h"
+
+namespace {
+
+using qovtest::HostTest;
+using qovtest::Logs;
+
+struct LenCase {
+    size_t len;
+    bool written;
+};
+
+class LogLength : public HostTest, public ::testing::WithParamInterface<LenCase> {};
+
+TEST_P(LogLength, LinesOf256OrMoreCharactersAreDropped) {
+    std::string text(GetParam().len, 'x');
+    QOV_AUTOSYNC_QovLog(1, "%s", text.c_str());
+    if (!GetParam().written) {
+        EXPECT_TRUE(Logs().empty());
+        return;
+    }
+    ASSERT_EQ(Logs().size(), 1u);
+    EXPECT_EQ(Logs()[0], text);
+    QovHostLogLine line;
+    ASSERT_EQ(QovHostLogGet(0, &line), 0);
+    EXPECT_STREQ(line.module, "AUTOSYNC_ORCH");
+}
+
+INSTANTIATE_TEST_SUITE_P(Boundary, LogLength,
+                         ::testing::Values(LenCase{0, true}, LenCase{1, true}, LenCase{254, true},
+                                           LenCase{255, true}, LenCase{256, false}, LenCase{1000, false}));
+
+TEST_F(HostTest, LogLevelIsAcceptedAndNotWritten) {
+    QOV_AUTOSYNC_QovLog(0, "%s, step %u ok", "orch", 3u);
+    QOV_AUTOSYNC_QovLog(1, "%s, step %u ok", "orch", 3u);
+    EXPECT_EQ(Logs(), (std::vector<std::string>{"orch, step 3 ok", "orch, step 3 ok"}));
+}
+
+TEST_F(HostTest, LogHandsTheFormattedTextOverVerbatim) {
+    QOV_AUTOSYNC_QovLog(0, "%s", "100%d %s");
+    EXPECT_EQ(Logs(), (std::vector<std::string>{"100%d %s"}));
+}
+
+}  // namespace
