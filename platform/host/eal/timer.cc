@@ -13,12 +13,12 @@ extern "C" QOV_PLAT_API int32_t QOV_TIMER_Create(uint32_t timerWord, uint64_t ti
     if (timerWord == 0 || epFd < 0) return -1;
     int fd = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
     if (fd < 0) return -1;
-    itimerspec spec{};
-    spec.it_interval.tv_sec = timerWord / 1000;
-    spec.it_interval.tv_nsec = static_cast<long>(timerWord % 1000) * 1000000L;
-    spec.it_value = spec.it_interval;
+    itimerspec period{};
+    period.it_interval.tv_sec = timerWord / 1000;
+    period.it_interval.tv_nsec = static_cast<long>(timerWord % 1000) * 1000000L;
+    period.it_value = period.it_interval;
     auto cb = reinterpret_cast<QOV_TIMER_CALLBACK>(static_cast<uintptr_t>(timerVal0));
-    if (timerfd_settime(fd, 0, &spec, nullptr) != 0 || qovhost::EpollAddTimer(epFd, fd, cb, timerVal1) != 0) {
+    if (timerfd_settime(fd, 0, &period, nullptr) != 0 || qovhost::EpollAddTimer(epFd, fd, cb, timerVal1) != 0) {
         close(fd);
         return -1;
     }
