@@ -158,7 +158,7 @@ TEST_F(MergeTest, EveryAllocationFailureIsCleanAndLeavesNothing) {
         for (const char *l : failLines) logged = logged || HasLine(l);
         EXPECT_TRUE(logged) << "allocation " << k;
     }
-    EXPECT_GE(failures, 7u) << "block, 2 x (table, 2 nodes), queues";
+    EXPECT_EQ(failures, 9u) << "block, then per path: table, 2 nodes, queue";
     EXPECT_NE(hdl_->mergeHandle, nullptr);
 }
 
