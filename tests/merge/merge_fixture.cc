@@ -9,42 +9,28 @@ namespace {
 
 template <uint32_t Path>
 uint32_t Record(ASOrchHandle *, ASOrchMergeMsgVec *v) {
-    std::string data;
-    if (v->data != nullptr) data.assign(reinterpret_cast<const char *>(v->data), v->dataSize);
-    g_seen.push_back({Path, v->msgId, v->opType, std::string(reinterpret_cast<const char *>(v->key), v->keySize),
-                      data, v->data, v->dataSize});
+    g_seen.push_back({Path, v->msgId, v->opType, std::string(reinterpret_cast<char *>(v->key), v->keySize), v->data});
     return g_handlerResult;
 }
 
+template <uint32_t Path>
+uint32_t Hash(const void *key) {
+    const auto *v = static_cast<const ASOrchMergeMsgVec *>(key);
+    return ASOrchMergeHashFunc(v->usrData, Path, v);
+}
+
+template <uint32_t Path>
+ASOrchMergeMsgDispatch g_tbl[2] = {{100, {Record<Path>, Record<Path>, Record<Path>, Record<Path>}},
+                                   {101, {Record<Path>, Record<Path>, Record<Path>, Record<Path>}}};
+
 }  // namespace
 
-uint32_t DamHash(const void *key) {
-    const auto *v = static_cast<const ASOrchMergeMsgVec *>(key);
-    return ASOrchMergeHashFunc(v->usrData, AS_ORCH_MERGE_DAM, v);
-}
-
-uint32_t FesHash(const void *key) {
-    const auto *v = static_cast<const ASOrchMergeMsgVec *>(key);
-    return ASOrchMergeHashFunc(v->usrData, AS_ORCH_MERGE_FES, v);
-}
-
-ASOrchMergeMsgDispatch g_damTbl[2] = {{100, {Record<0>, Record<0>, Record<0>, Record<0>}},
-                                      {101, {Record<0>, Record<0>, Record<0>, Record<0>}}};
-ASOrchMergeMsgDispatch g_fesTbl[2] = {{100, {Record<1>, Record<1>, Record<1>, Record<1>}},
-                                      {101, {Record<1>, Record<1>, Record<1>, Record<1>}}};
-
-ASOrchMergePara DamPara() { return {g_damTbl, 2, 64, DamHash, 0, 0}; }
-ASOrchMergePara FesPara() { return {g_fesTbl, 2, 0, FesHash, 0, 0}; }
+ASOrchMergePara DamPara() { return {g_tbl<0>, 2, 64, Hash<0>, 0, 0}; }
+ASOrchMergePara FesPara() { return {g_tbl<1>, 2, 0, Hash<1>, 0, 0}; }
 
 ASOrchMergeMsgVec Vec(uint32_t msgId, uint32_t op, const std::string &key, const std::string &data) {
-    ASOrchMergeMsgVec v{};
-    v.msgId = msgId;
-    v.opType = op;
-    v.key = reinterpret_cast<uint8_t *>(const_cast<char *>(key.data()));
-    v.keySize = key.size();
-    v.data = data.empty() ? nullptr : reinterpret_cast<uint8_t *>(const_cast<char *>(data.data()));
-    v.dataSize = data.size();
-    return v;
+    auto bytes = [](const std::string &s) { return reinterpret_cast<uint8_t *>(const_cast<char *>(s.data())); };
+    return {msgId, op, bytes(key), key.size(), data.empty() ? nullptr : bytes(data), data.size(), 0, nullptr};
 }
 
 void MergeTest::SetUp() {
@@ -69,12 +55,21 @@ uint32_t MergeTest::Reg(const ASOrchMergePara &dam, const ASOrchMergePara &fes) 
     return ASOrchRegMerge(hdl_, &base);
 }
 
-uint32_t MergeTest::Put(uint32_t mergeType, uint32_t msgId, uint32_t op, const std::string &key,
-                        const std::string &data) {
+uint32_t MergeTest::Put(uint32_t type, uint32_t msgId, uint32_t op, const std::string &key, const std::string &data) {
     ASOrchMergeMsgVec v = Vec(msgId, op, key, data);
-    return ASOrchMsgMerge(hdl_, mergeType, &v);
+    return ASOrchMsgMerge(hdl_, type, &v);
 }
 
-int32_t MergeTest::Turn() { return QovHostEpollRunOnce(ASOrchGetEpollFd(hdl_, 0), 0); }
+std::vector<int32_t> MergeTest::Drain() {
+    std::vector<int32_t> turns;
+    for (int32_t n; (n = QovHostEpollRunOnce(ASOrchGetEpollFd(hdl_, 0), 0)) > 0;) turns.push_back(n);
+    return turns;
+}
+
+std::string MergeTest::Order() const {
+    std::string s;
+    for (const auto &x : g_seen) s += x.key;
+    return s;
+}
 
 }  // namespace mergetest

@@ -1,5 +1,5 @@
 // Shared setup of the merge-layer suites: a handle on the counting allocator,
-// merge sub-records with recording handlers, and helpers to queue and read.
+// both paths registered with recording handlers, and one-turn epoll reads.
 #ifndef QOV_TEST_MERGE_FIXTURE_H
 #define QOV_TEST_MERGE_FIXTURE_H
 
@@ -11,42 +11,26 @@
 
 namespace mergetest {
 
-// What a handler saw: the bytes are copied during the call.
-struct Seen {
-    uint32_t path;
-    uint32_t msgId;
-    uint32_t opType;
+struct Seen {  // what a handler saw
+    uint32_t path, msgId, opType;
     std::string key;
-    std::string data;
-    const uint8_t *dataPtr;
-    uint64_t dataSize;
+    const uint8_t *data;
 };
-
 extern std::vector<Seen> g_seen;
-extern uint32_t g_handlerResult;  // what every recording handler returns
+extern uint32_t g_handlerResult;
 
-uint32_t DamHash(const void *key);
-uint32_t FesHash(const void *key);
-
-// Dispatch entries: msgId 100 and 101 on both paths with handlers for ops 0..3.
-extern ASOrchMergeMsgDispatch g_damTbl[2];
-extern ASOrchMergeMsgDispatch g_fesTbl[2];
-ASOrchMergePara DamPara();
-ASOrchMergePara FesPara();
-
+ASOrchMergePara DamPara();  // msgId 100 and 101, hashSize 64
+ASOrchMergePara FesPara();  // msgId 100 and 101, hashSize 0
 ASOrchMergeMsgVec Vec(uint32_t msgId, uint32_t op, const std::string &key, const std::string &data = "");
 
 class MergeTest : public qovtest::HostTest {
 protected:
     void SetUp() override;
-    void TearDown() override;
-    // Registers the given paths; the result of the step.
+    void TearDown() override;  // destroys the handle: nothing may stay allocated
     uint32_t Reg(const ASOrchMergePara &dam, const ASOrchMergePara &fes);
-    uint32_t Put(uint32_t mergeType, uint32_t msgId, uint32_t op, const std::string &key,
-                 const std::string &data = "");
-    // One turn of the Data thread's epoll loop; the callbacks run.
-    int32_t Turn();
-    ASOrchMergeRec *Recs() const { return ASOrchMergeRecs(hdl_); }
+    uint32_t Put(uint32_t type, uint32_t msgId, uint32_t op, const std::string &key, const std::string &data = "");
+    std::vector<int32_t> Drain();  // epoll turns until idle; callbacks per turn
+    std::string Order() const;     // keys in the order handled
     ASOrchHandle *hdl_ = nullptr;
 };
 
