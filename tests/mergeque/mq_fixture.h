@@ -35,7 +35,7 @@ inline uint32_t Collect(void *rec, uint32_t, void *usr) {
 }
 
 class MqTest : public qovtest::HostTest {
-protected:
+public:
     void SetUp() override {
         HostTest::SetUp();
         epFd_ = epoll_create1(EPOLL_CLOEXEC);
