@@ -17,7 +17,9 @@ void FreeMergeRec(ASOrchHandle *hdl, ASOrchMergeRec *rec) {
     if (rec->dispatchHash != nullptr) ASOrchFreeDispatchHash(hdl, rec->dispatchHash);
     rec->dispatchHash = nullptr;
     if (rec->mergeQue != nullptr) {
-        (void)QOV_MergeQueReadCallBack(rec->mergeQue, UINT32_MAX, DropQueuedMsg, nullptr);
+        while (QOV_MergeQueReadCallBack(rec->mergeQue, AS_MERGE_READ_BATCH, DropQueuedMsg, nullptr) ==
+               AS_MERGE_READ_BATCH) {
+        }
         (void)QOV_MergeQueDestory(rec->mergeQue);
     }
     rec->mergeQue = nullptr;

@@ -1,5 +1,7 @@
 #include "merge_fixture.h"
 
+#include <cstring>
+
 namespace mergetest {
 
 std::vector<Seen> g_seen;
@@ -28,9 +30,9 @@ ASOrchMergeMsgDispatch g_tbl[2] = {{100, {Record<Path>, Record<Path>, Record<Pat
 ASOrchMergePara DamPara() { return {g_tbl<0>, 2, 64, Hash<0>, 0, 0}; }
 ASOrchMergePara FesPara() { return {g_tbl<1>, 2, 0, Hash<1>, 0, 0}; }
 
-ASOrchMergeMsgVec Vec(uint32_t msgId, uint32_t op, const std::string &key, const std::string &data) {
-    auto bytes = [](const std::string &s) { return reinterpret_cast<uint8_t *>(const_cast<char *>(s.data())); };
-    return {msgId, op, bytes(key), key.size(), data.empty() ? nullptr : bytes(data), data.size(), 0, nullptr};
+ASOrchMergeMsgVec Vec(uint32_t msgId, uint32_t op, const char *key, const char *data) {
+    auto bytes = [](const char *s) { return reinterpret_cast<uint8_t *>(const_cast<char *>(s)); };
+    return {msgId, op, bytes(key), strlen(key), *data == 0 ? nullptr : bytes(data), strlen(data), 0, nullptr};
 }
 
 void MergeTest::SetUp() {
@@ -56,7 +58,7 @@ uint32_t MergeTest::Reg(const ASOrchMergePara &dam, const ASOrchMergePara &fes) 
 }
 
 uint32_t MergeTest::Put(uint32_t type, uint32_t msgId, uint32_t op, const std::string &key, const std::string &data) {
-    ASOrchMergeMsgVec v = Vec(msgId, op, key, data);
+    ASOrchMergeMsgVec v = Vec(msgId, op, key.c_str(), data.c_str());
     return ASOrchMsgMerge(hdl_, type, &v);
 }
 

@@ -21,7 +21,8 @@ extern uint32_t g_handlerResult;
 
 ASOrchMergePara DamPara();  // msgId 100 and 101, hashSize 64
 ASOrchMergePara FesPara();  // msgId 100 and 101, hashSize 0
-ASOrchMergeMsgVec Vec(uint32_t msgId, uint32_t op, const std::string &key, const std::string &data = "");
+// Points at the given bytes: they must outlive the vector.
+ASOrchMergeMsgVec Vec(uint32_t msgId, uint32_t op, const char *key, const char *data = "");
 
 class MergeTest : public qovtest::HostTest {
 protected:

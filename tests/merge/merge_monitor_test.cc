@@ -72,13 +72,4 @@ INSTANTIATE_TEST_SUITE_P(Roles, MonitorTest,
                          ::testing::Values(Case{1, 0, 1, false}, Case{1, 1, 1, false}, Case{1, 0, 3, false},
                                            Case{0, 0, 1, true}, Case{0, 1, 3, true}, Case{0, 0, 1, false}));
 
-using MonitorProcTest = mergetest::MergeTest;
-
-TEST_F(MonitorProcTest, OddEventsAndNullUser) {
-    EXPECT_EQ(ASOrchMergeFesMonitorProc(2, reinterpret_cast<uint64_t>(hdl_)), 0u);
-    EXPECT_TRUE(HasLine("Orch autosync MQUE Monitor error evtType : 2, channelId 1."));
-    EXPECT_EQ(ASOrchMergeDamMonitorProc(0, 0), 1u);
-    EXPECT_TRUE(HasLine("Orch autosync MQue Monitor error usrData is NULL"));
-}
-
 }  // namespace

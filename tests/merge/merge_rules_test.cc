@@ -1,5 +1,5 @@
 // Rule table over every pair of ops, bucket values, key identity.
-#include <cstring>
+#include <algorithm>
 
 #include "merge_fixture.h"
 
@@ -48,7 +48,7 @@ TEST_P(BucketTest, KnownValues) {
     ASOrchHandle hdl{};
     hdl.mergeHandle = recs;
     std::vector<uint8_t> buf(c.key.size() + 1);  // key at an odd address
-    std::memcpy(buf.data() + 1, c.key.data(), c.key.size());
+    std::copy(c.key.begin(), c.key.end(), buf.begin() + 1);
     ASOrchMergeMsgVec v{c.msgId, 0, buf.data() + 1, c.key.size(), nullptr, 0, c.version, &hdl};
     EXPECT_EQ(ASOrchMergeHashFunc(&hdl, c.mergeType, &v), c.expect);
 }
