@@ -1,8 +1,42 @@
-// Release of the merge records of a handle.
-#include "core/as_handle.h"
+// Release of a handle's merge records: dispatch tables, queues, the block.
+#include "merge/as_merge.h"
+
+namespace {
+
+// Entries still queued at release own their key/data buffers; hand those back
+// before the queue goes, so nothing of the handle's memory stays behind.
+uint32_t DropQueuedMsg(void *vec, uint32_t size, void * /*usrData*/) {
+    auto *v = static_cast<ASOrchMergeMsgVec *>(vec);
+    if (size != sizeof *v || v->key == nullptr || v->usrData == nullptr) return 0;
+    v->usrData->memFree(v->key);
+    v->key = nullptr;
+    return 0;
+}
+
+void FreeMergeRec(ASOrchHandle *hdl, ASOrchMergeRec *rec) {
+    if (rec->dispatchHash != nullptr) ASOrchFreeDispatchHash(hdl, rec->dispatchHash);
+    rec->dispatchHash = nullptr;
+    if (rec->mergeQue != nullptr) {
+        while (QOV_MergeQueReadCallBack(rec->mergeQue, AS_MERGE_READ_BATCH, DropQueuedMsg, nullptr) ==
+               AS_MERGE_READ_BATCH) {
+        }
+        (void)QOV_MergeQueDestory(rec->mergeQue);
+    }
+    rec->mergeQue = nullptr;
+    rec->epFd = 0;
+    rec->hashSize = 0;
+}
+
+}  // namespace
+
+void ASOrchFreeMergeMsg(ASOrchHandle *hdl, ASOrchMergeRec *recs) {
+    for (uint32_t i = 0; i < AS_MERGE_PATH_NUM; ++i) FreeMergeRec(hdl, &recs[i]);
+}
 
 void ASOrchFreeMergeHandle(ASOrchHandle *hdl) {
     if (hdl->mergeHandle == nullptr) return;
+    ASOrchFreeMergeMsg(hdl, ASOrchMergeRecs(hdl));
     hdl->memFree(hdl->mergeHandle);
     hdl->mergeHandle = nullptr;
+    QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "%s, Orch auto sync free merge handle ok.", hdl->name);
 }

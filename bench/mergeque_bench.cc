@@ -1,0 +1,240 @@
+// Per-entry cost of the merge queue (append, merge into a queued key, callback
+// read) against a plain baseline doing the same work: std::unordered_map from
+// key to a std::list iterator, records in the list. Ends with a table of the
+// ratios baseline/queue per operation and key count.
+#include <benchmark/benchmark.h>
+#include <malloc.h>
+#include <sys/epoll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <list>
+#include <map>
+#include <numeric>
+#include <random>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "qov_host_ctl.h"
+#include "qov_mergeque.h"
+
+namespace {
+
+struct Rec {  // 56 bytes: an 8-byte key and the message it stands for
+    uint64_t key;
+    uint32_t opType;
+    uint32_t version;
+    uint8_t body[40];
+};
+static_assert(sizeof(Rec) == 56);
+
+inline uint32_t Mix(uint64_t k) {  // the 64-bit finaliser of MurmurHash3
+    k ^= k >> 33;
+    k *= 0xff51afd7ed558ccdULL;
+    k ^= k >> 33;
+    k *= 0xc4ceb9fe1a85ec53ULL;
+    k ^= k >> 33;
+    return static_cast<uint32_t>(k);
+}
+
+uint32_t HashKey(const void *key) { return Mix(*static_cast<const uint64_t *>(key)); }
+uint32_t CmpKey(const void *rec, const void *key) {
+    return static_cast<const Rec *>(rec)->key == *static_cast<const uint64_t *>(key) ? 1 : 0;
+}
+const void *KeyOf(const void *rec) { return &static_cast<const Rec *>(rec)->key; }
+void MergeRec(void *in, void *queued) {
+    static_cast<Rec *>(in)->opType |= static_cast<const Rec *>(queued)->opType;
+}
+uint32_t Consume(void *rec, uint32_t, void *usr) {
+    *static_cast<uint64_t *>(usr) += static_cast<const Rec *>(rec)->version;
+    return 0;
+}
+void *Alloc(uint32_t size) { return std::malloc(size); }
+
+constexpr uint32_t kBatch = 32;  // records per read, as a reader takes them per dispatch
+
+// Distinct random keys, and their records in a shuffled order for the merges.
+struct Workload {
+    std::vector<Rec> recs;
+    std::vector<Rec> shuffled;
+    explicit Workload(size_t n) : recs(n) {
+        std::mt19937_64 rng(n);
+        for (size_t i = 0; i < n; ++i) recs[i] = Rec{rng() | 1, 1, static_cast<uint32_t>(i), {}};
+        shuffled = recs;
+        std::shuffle(shuffled.begin(), shuffled.end(), rng);
+    }
+};
+
+const Workload &Load(size_t n) {
+    static std::map<size_t, Workload> loads;
+    return loads.try_emplace(n, n).first->second;
+}
+
+class Queue {
+public:
+    explicit Queue(uint32_t keys) : epFd_(epoll_create1(EPOLL_CLOEXEC)) {
+        MergeQueCreatePara p{Alloc, std::free, 0, sizeof(Rec), keys, HashKey, CmpKey, epFd_, KeyOf, nullptr, MergeRec};
+        q_ = QOV_MergeQueCreate("bench_q", &p);
+        if (q_ == nullptr) std::abort();
+    }
+    ~Queue() {
+        QOV_MergeQueDestory(q_);
+        close(epFd_);
+    }
+    void Write(const Rec &r) { QOV_MergeQueWrite(q_, &r.key, &r, 0); }
+    uint32_t Read(uint64_t *sink) { return QOV_MergeQueReadCallBack(q_, kBatch, Consume, sink); }
+
+private:
+    int epFd_;
+    MergeQueCtrlBlk *q_;
+};
+
+class Baseline {
+public:
+    explicit Baseline(uint32_t keys) { index_.reserve(keys); }
+    void Write(const Rec &r) {
+        auto it = index_.find(r.key);
+        if (it != index_.end()) {
+            Rec in = r;
+            MergeRec(&in, &*it->second);
+            *it->second = in;
+            return;
+        }
+        list_.push_back(r);
+        index_.emplace(r.key, std::prev(list_.end()));
+    }
+    uint32_t Read(uint64_t *sink) {
+        uint32_t n = 0;
+        for (; n < kBatch && !list_.empty(); ++n) {
+            Rec &r = list_.front();
+            index_.erase(r.key);
+            Consume(&r, sizeof r, sink);
+            list_.pop_front();
+        }
+        return n;
+    }
+
+private:
+    struct Hasher {
+        size_t operator()(uint64_t k) const { return Mix(k); }
+    };
+    std::list<Rec> list_;
+    std::unordered_map<uint64_t, std::list<Rec>::iterator, Hasher> index_;
+};
+
+template <class Q>
+void Drain(Q &q) {
+    uint64_t sink = 0;
+    while (q.Read(&sink) != 0) {
+    }
+    benchmark::DoNotOptimize(sink);
+}
+
+void PerEntry(benchmark::State &state, size_t n) {
+    state.counters["per_entry"] =
+        benchmark::Counter(static_cast<double>(n), benchmark::Counter::kIsIterationInvariantRate |
+                                                       benchmark::Counter::kInvert);
+}
+
+template <class Q>
+void BM_Append(benchmark::State &state) {
+    auto n = static_cast<size_t>(state.range(0));
+    const Workload &w = Load(n);
+    Q q(static_cast<uint32_t>(n));
+    for (auto _ : state) {
+        for (const Rec &r : w.recs) q.Write(r);
+        state.PauseTiming();
+        Drain(q);
+        state.ResumeTiming();
+    }
+    PerEntry(state, n);
+}
+
+template <class Q>
+void BM_Merge(benchmark::State &state) {
+    auto n = static_cast<size_t>(state.range(0));
+    const Workload &w = Load(n);
+    Q q(static_cast<uint32_t>(n));
+    for (const Rec &r : w.recs) q.Write(r);
+    size_t heapBefore = mallinfo2().uordblks;
+    for (auto _ : state) {
+        for (const Rec &r : w.shuffled) q.Write(r);
+    }
+    state.counters["heap_growth_B"] = static_cast<double>(mallinfo2().uordblks - heapBefore);
+    Drain(q);
+    PerEntry(state, n);
+}
+
+template <class Q>
+void BM_Read(benchmark::State &state) {
+    auto n = static_cast<size_t>(state.range(0));
+    const Workload &w = Load(n);
+    Q q(static_cast<uint32_t>(n));
+    uint64_t sink = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        for (const Rec &r : w.recs) q.Write(r);
+        state.ResumeTiming();
+        while (q.Read(&sink) != 0) {
+        }
+    }
+    benchmark::DoNotOptimize(sink);
+    PerEntry(state, n);
+}
+
+#define QOV_BENCH(fn, Q, name) \
+    BENCHMARK_TEMPLATE(fn, Q)->Name(name)->Arg(1 << 10)->Arg(1 << 16)->Arg(1 << 20)->Unit(benchmark::kMillisecond)
+
+QOV_BENCH(BM_Append, Queue, "append/queue");
+QOV_BENCH(BM_Append, Baseline, "append/baseline");
+QOV_BENCH(BM_Merge, Queue, "merge/queue");
+QOV_BENCH(BM_Merge, Baseline, "merge/baseline");
+QOV_BENCH(BM_Read, Queue, "read/queue");
+QOV_BENCH(BM_Read, Baseline, "read/baseline");
+
+// Keeps each run's per-entry time for the closing ratio table.
+class RatioReporter : public benchmark::ConsoleReporter {
+public:
+    void ReportRuns(const std::vector<Run> &runs) override {
+        ConsoleReporter::ReportRuns(runs);
+        for (const Run &r : runs) {
+            auto it = r.counters.find("per_entry");
+            if (it != r.counters.end()) perEntryNs_[r.benchmark_name()] = it->second.value * 1e9;
+        }
+    }
+    void PrintRatios() const {
+        std::printf("\n%-8s %8s %12s %12s %8s\n", "op", "keys", "queue ns", "baseline ns", "ratio");
+        for (const char *op : {"append", "merge", "read"}) {
+            for (const char *keys : {"1024", "65536", "1048576"}) {
+                double q = Get(std::string(op) + "/queue/" + keys);
+                double b = Get(std::string(op) + "/baseline/" + keys);
+                if (q > 0 && b > 0) std::printf("%-8s %8s %12.1f %12.1f %7.2fx\n", op, keys, q, b, b / q);
+            }
+        }
+    }
+
+private:
+    double Get(const std::string &name) const {
+        auto it = perEntryNs_.find(name);
+        return it == perEntryNs_.end() ? 0 : it->second;
+    }
+    std::map<std::string, double> perEntryNs_;
+};
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    QovHostLogEcho(0);
+    QovHostLogCapture(0);
+    QovHostJournalEnable(0);
+    benchmark::Initialize(&argc, argv);
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    reporter.PrintRatios();
+    benchmark::Shutdown();
+    return 0;
+}

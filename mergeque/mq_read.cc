@@ -1,0 +1,75 @@
+// Reading from a merge queue, from the head of the read-order list: copied out
+// into the caller's buffer, or handed record by record to a callback.
+#include "mergeque/mergeque_internal.h"
+
+namespace {
+
+// Takes an entry out of the list and the hash table; the caller releases it.
+inline void MqTakeOut(MergeQueCtrlBlk *mque, MergeQueEntry *entry) {
+    QOV_MergeQueDetachMsgList(mque, entry);
+    QOV_MergeQueRemoveHash(mque, entry);
+}
+
+// A read that emptied the queue before its maxCount counts the shortfall.
+inline void MqCountShortfall(MergeQueCtrlBlk *mque, uint32_t maxCount, uint32_t read) {
+    if (read < maxCount) MqAddReaderStat(mque, MQ_RSTAT_EMPTY_READ, maxCount - read);
+}
+
+}  // namespace
+
+extern "C" {
+
+QOV_AS_API uint32_t QOV_MergeQueRead(MergeQueCtrlBlk *mque, void *buf, uint32_t maxCount) {
+    if (mque == nullptr || buf == nullptr || maxCount == 0) return 0;
+    uint32_t read = QOV_MergeQueReadBase(mque, mque->para.dataSize, buf, maxCount);
+    QOV_MergeQueNotifyByRead(mque);
+    QOV_MergeQueMonitorRemove(mque);
+    return read;
+}
+
+uint32_t QOV_MergeQueReadBase(MergeQueCtrlBlk *mque, uint32_t recSize, void *buf, uint32_t maxCount) {
+    uint32_t limit = maxCount == 0 ? 1 : maxCount;
+    MergeQueLink *head = &mque->reader.list;
+    auto *out = static_cast<uint8_t *>(buf);
+    uint32_t read = 0;
+    for (MergeQueLink *l = head->next, *next; l != head && read < limit; l = next, ++read) {
+        next = l->next;
+        MergeQueEntry *entry = MqEntryOfLink(l);
+        // The caller's buffer holds maxCount records; only an overlapping buffer fails to copy.
+        (void)memcpy_s(out + static_cast<size_t>(read) * recSize, recSize, MqEntryData(entry), recSize);
+        MqTakeOut(mque, entry);
+        LITE_HASH_FreeData(mque->hash, entry);
+    }
+    if (read < limit) MqCountShortfall(mque, maxCount, read);
+    return read;
+}
+
+QOV_AS_API uint32_t QOV_MergeQueReadCallBack(MergeQueCtrlBlk *mque, uint32_t maxCount, MergeQueReadFunc func,
+                                             void *usrData) {
+    if (maxCount == 0 || mque == nullptr || func == nullptr) return 0;
+    uint32_t read = QOV_MergeQueReadToCallBack(mque, maxCount, func, usrData);
+    QOV_MergeQueNotifyByRead(mque);
+    QOV_MergeQueMonitorRemove(mque);
+    return read;
+}
+
+uint32_t QOV_MergeQueReadToCallBack(MergeQueCtrlBlk *mque, uint32_t maxCount, MergeQueReadFunc func,
+                                    void *usrData) {
+    uint32_t limit = maxCount == 0 ? 1 : maxCount;
+    MergeQueLink *head = &mque->reader.list;
+    uint32_t read = 0;
+    for (MergeQueLink *l = head->next, *next; l != head && read < limit; l = next) {
+        next = l->next;
+        MergeQueEntry *entry = MqEntryOfLink(l);
+        MqTakeOut(mque, entry);
+        ++read;
+        if (func(MqEntryData(entry), mque->para.dataSize, usrData) != 0) {
+            QOV_AUTOSYNC_QovLog(1, "%s read %u msgVec callBack proc failed!", mque->name, read);
+        }
+        LITE_HASH_FreeData(mque->hash, entry);
+    }
+    if (read < limit) MqCountShortfall(mque, maxCount, read);
+    return read;
+}
+
+}  // extern "C"

@@ -1,0 +1,111 @@
+// Writing into a merge queue: a record whose key is queued merges into the
+// queued entry, any other record becomes a new entry at the tail.
+#include <sys/eventfd.h>
+
+#include "mergeque/mergeque_internal.h"
+
+namespace {
+
+inline void MqListUnlink(MergeQueLink *l) {
+    l->prev->next = l->next;
+    l->next->prev = l->prev;
+}
+
+inline void MqListAddTail(MergeQueLink *head, MergeQueLink *l) {
+    l->prev = head->prev;
+    l->next = head;
+    head->prev->next = l;
+    head->prev = l;
+}
+
+}  // namespace
+
+extern "C" {
+
+QOV_AS_API uint32_t QOV_MergeQueWrite(MergeQueCtrlBlk *mque, const void *key, const void *record,
+                                      uint32_t moveToTail) {
+    if (mque == nullptr || key == nullptr || record == nullptr) {
+        QOV_AUTOSYNC_QovLog(1, "merge queue write failed, mqueHandle: %u, key: %u, record: %u.",
+                            mque == nullptr ? 1u : 0u, key == nullptr ? 1u : 0u, record == nullptr ? 1u : 0u);
+        return 1;
+    }
+    LITE_HASH_NODE_S *node = LITE_HASH_FindNodeFromFirst(mque->hash, key);
+    if (node != nullptr && node->data != nullptr) {
+        // The merge function may change the incoming record before it is stored.
+        QOV_MergeQueMergeWrite(mque, const_cast<void *>(record), static_cast<MergeQueEntry *>(node->data),
+                               moveToTail);
+        return 0;
+    }
+    return QOV_MergeQueNewWrite(mque, key, record);
+}
+
+void QOV_MergeQueMergeWrite(MergeQueCtrlBlk *mque, void *record, MergeQueEntry *entry, uint32_t moveToTail) {
+    uint8_t *queued = MqEntryData(entry);
+    if (mque->para.mergeFunc != nullptr) mque->para.mergeFunc(record, queued);
+    // Only a record that overlaps the queued one can fail to copy; it is then left as it is.
+    if (record != queued) (void)memcpy_s(queued, mque->para.dataSize, record, mque->para.dataSize);
+    if (moveToTail == 1) QOV_MergeQueMsgListMoveTail(mque, entry);
+    MqCountReaderStat(mque, MQ_RSTAT_SUCCESS_MERGE);
+}
+
+uint32_t QOV_MergeQueNewWrite(MergeQueCtrlBlk *mque, const void *key, const void *record) {
+    MergeQueEntry *entry = QOV_MergeQueNewHashData(mque, key, record);
+    if (entry == nullptr) {
+        QOV_AUTOSYNC_QovLog(1, "%s failed to new hashNode", mque->name);
+        MqCountReaderStat(mque, MQ_RSTAT_FAIL_WRITE);
+        return 1;
+    }
+    QOV_MergeQueSetStat(mque, key);
+    QOV_MergeQueAttachMsgList(mque, entry);
+    QOV_MergeQueMonitorWrite(mque);
+    return 0;
+}
+
+MergeQueEntry *QOV_MergeQueNewHashData(MergeQueCtrlBlk *mque, const void *key, const void *record) {
+    auto *entry = static_cast<MergeQueEntry *>(LITE_HASH_NewData(mque->hash, 0));
+    if (entry == nullptr) return nullptr;
+    entry->owner = mque;
+    entry->link.next = &entry->link;
+    entry->link.prev = &entry->link;
+    if (memcpy_s(MqEntryData(entry), mque->para.dataSize, record, mque->para.dataSize) != 0) {
+        LITE_HASH_FreeData(mque->hash, entry);
+        return nullptr;
+    }
+    if (LITE_HASH_AddNode(mque->hash, key, entry, 0) != 0) {
+        QOV_AUTOSYNC_QovLog(1, "%s failed to hash addNode", mque->name);
+        LITE_HASH_FreeData(mque->hash, entry);
+        return nullptr;
+    }
+    return entry;
+}
+
+void QOV_MergeQueAttachMsgList(MergeQueCtrlBlk *mque, MergeQueEntry *entry) {
+    MqListAddTail(&mque->reader.list, &entry->link);
+    MqCountReaderStat(mque, MQ_RSTAT_SUCCESS_WRITE);
+    if (++mque->reader.itemCnt != 1) return;
+    if (eventfd_write(mque->reader.eventFd, 1) < 0) MqCountReaderStat(mque, MQ_RSTAT_WRITE_NOTIFY_ERR);
+}
+
+void QOV_MergeQueDetachMsgList(MergeQueCtrlBlk *mque, MergeQueEntry *entry) {
+    MqListUnlink(&entry->link);
+    entry->link.next = &entry->link;
+    entry->link.prev = &entry->link;
+    if (mque->reader.itemCnt != 0) mque->reader.itemCnt--;
+    MqCountReaderStat(mque, MQ_RSTAT_SUCCESS_READ);
+}
+
+void QOV_MergeQueMsgListMoveTail(MergeQueCtrlBlk *mque, MergeQueEntry *entry) {
+    MqListUnlink(&entry->link);
+    MqListAddTail(&mque->reader.list, &entry->link);
+}
+
+uint32_t QOV_MergeQueRemoveHash(MergeQueCtrlBlk *mque, MergeQueEntry *entry) {
+    const void *key = mque->para.getKeyPtr(MqEntryData(entry));
+    if (LITE_HASH_RemoveNodeByKey(mque->hash, key) == nullptr) {
+        QOV_AUTOSYNC_QovLog(1, "%s failed to remove HashNode!", mque->name);
+        return 1;
+    }
+    return 0;
+}
+
+}  // extern "C"

@@ -1,0 +1,78 @@
+// Rule table over every pair of ops, bucket values, key identity.
+#include <algorithm>
+
+#include "merge_fixture.h"
+
+namespace {
+
+using qovtest::HasLine;
+
+// Row = stored op, column = incoming op: the op the entry ends with, and
+// whether the pair has a row (R), no row (E) or is age info (A).
+constexpr uint32_t kMerged[4][4] = {{0, 1, 2, 3}, {2, 1, 2, 3}, {2, 1, 2, 3}, {0, 1, 2, 3}};
+constexpr char kKind[4][5] = {"RREA", "RREA", "RREA", "EEEA"};
+
+class RuleTest : public qovtest::HostTest, public ::testing::WithParamInterface<std::tuple<uint32_t, uint32_t>> {};
+
+TEST_P(RuleTest, NotifyCombinesOpsAndFreesStoredBuffer) {
+    auto [st, in] = GetParam();
+    const char kind = kKind[st][in];
+    uint32_t merged = 0xAA;
+    EXPECT_EQ(ASOrchGetMergeRule(st, in, &merged), kind == 'R' ? 0u : 1u);
+    EXPECT_EQ(merged, kind == 'R' ? kMerged[st][in] : 0xAAu) << "nothing written without a row";
+
+    ASOrchHandle hdl{};
+    hdl.memFree = qovtest::TestFree;
+    ASOrchMergeMsgVec stored{7, st, static_cast<uint8_t *>(qovtest::TestAlloc(4)), 4, nullptr, 0, 0, &hdl};
+    ASOrchMergeMsgVec incoming{7, in, nullptr, 4, nullptr, 0, 0, &hdl};
+    ASOrchPubMergeNotify(&incoming, &stored);
+    EXPECT_EQ(incoming.opType, kMerged[st][in]);
+    EXPECT_EQ(stored.key, nullptr);
+    EXPECT_EQ(qovtest::AllocOutstanding(), 0);
+    EXPECT_EQ(HasLine("Orch autosync merge notify is ageinfo error, msgId 7"), kind == 'A');
+    EXPECT_EQ(HasLine("Orch autosync merge notify get rule error"), kind == 'E');
+}
+
+INSTANTIATE_TEST_SUITE_P(AllPairs, RuleTest, ::testing::Combine(::testing::Range(0u, 4u), ::testing::Range(0u, 4u)));
+
+struct BucketCase {
+    std::vector<uint8_t> key;
+    uint32_t msgId, version, buckets, mergeType, expect;
+};
+
+class BucketTest : public ::testing::TestWithParam<BucketCase> {};
+
+TEST_P(BucketTest, KnownValues) {
+    const BucketCase &c = GetParam();
+    ASOrchMergeRec recs[2] = {{0, nullptr, c.buckets, nullptr}, {0, nullptr, 5, nullptr}};
+    ASOrchHandle hdl{};
+    hdl.mergeHandle = recs;
+    std::vector<uint8_t> buf(c.key.size() + 1);  // key at an odd address
+    std::copy(c.key.begin(), c.key.end(), buf.begin() + 1);
+    ASOrchMergeMsgVec v{c.msgId, 0, buf.data() + 1, c.key.size(), nullptr, 0, c.version, &hdl};
+    EXPECT_EQ(ASOrchMergeHashFunc(&hdl, c.mergeType, &v), c.expect);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Values, BucketTest,
+    ::testing::Values(BucketCase{{}, 0, 0, 8192, 0, 1950}, BucketCase{{}, 1, 0, 8192, 0, 1951},
+                      BucketCase{{1, 0, 0, 0}, 0, 0, 8192, 0, 6221},
+                      BucketCase{{1, 2, 3, 4, 5, 6, 7, 8}, 7, 2, 8192, 0, 7740},
+                      BucketCase{{1, 2, 3, 4, 5, 6, 7, 8, 9}, 7, 2, 8192, 0, 7740},  // trailing byte ignored
+                      BucketCase{{9, 9, 9}, 0, 0, 8192, 0, 1950},                    // short key ignored
+                      BucketCase{{}, 0, 0, 0, 0, 1493338014u},                       // no buckets: no modulo
+                      BucketCase{{}, 0, 0, 0, 2, 1950}));                             // type 2: 8192 always
+
+TEST(MergeKey, IdentityIsMsgIdVersionSizeAndBytes) {
+    uint8_t a[] = "abcde", same[] = "abcde", fifth[] = "abcdX";
+    ASOrchMergeMsgVec va{5, 0, a, 5, nullptr, 0, 3, nullptr};
+    const ASOrchMergeMsgVec others[] = {{5, 1, same, 5, fifth, 9, 3, nullptr}, {6, 0, same, 5, nullptr, 0, 3, nullptr},
+                                        {5, 0, same, 5, nullptr, 0, 4, nullptr}, {5, 0, same, 4, nullptr, 0, 3, nullptr},
+                                        {5, 0, fifth, 5, nullptr, 0, 3, nullptr}};
+    const uint32_t equal[] = {1, 0, 0, 0, 0};
+    for (size_t i = 0; i < 5; ++i) EXPECT_EQ(ASOrchPubCmpFunc(&va, &others[i]), equal[i]) << i;
+    EXPECT_EQ(ASOrchMergeHashFunc(nullptr, 0, &va), ASOrchMergeHashFunc(nullptr, 0, &others[4]))
+        << "keys differing in the fifth byte share a bucket";
+}
+
+}  // namespace
