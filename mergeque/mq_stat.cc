@@ -79,15 +79,3 @@ char *QOV_MergeQueTrans2Time(char *buf, uint32_t size, const uint64_t *stamp) {
 }
 
 }  // extern "C"
-
-void MqCountStat(MergeQueCtrlBlk *mque, uint32_t id) {
-    mque->stat[id].cnt++;
-    if (g_mergeQueStatDesc[id].stampFlag == 1) QOV_MergeQueSetTimeStamp(&mque->stat[id].stamp);
-}
-
-void MqAddReaderStat(MergeQueCtrlBlk *mque, uint32_t id, uint32_t n) {
-    mque->reader.stat[id].cnt += n;
-    if (g_mergeQueReaderStatDesc[id].stampFlag == 1) QOV_MergeQueSetTimeStamp(&mque->reader.stat[id].stamp);
-}
-
-void MqCountReaderStat(MergeQueCtrlBlk *mque, uint32_t id) { MqAddReaderStat(mque, id, 1); }
