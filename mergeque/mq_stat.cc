@@ -21,14 +21,14 @@ void MqSetIfHigher(MergeQueStatSlot *slot, int32_t value) {
 
 extern "C" {
 
-const MergeQueStatDesc g_mergeQueStatDesc[MERGE_QUE_STAT_NUM] = {
+constexpr MergeQueStatDesc g_mergeQueStatDesc[MERGE_QUE_STAT_NUM] = {
     {0, "MergeQue MaxConflict", 1},
     {1, "MergeQue HistoryMaxCnt", 1},
     {2, "MergeQue OverHighWater", 1},
     {3, "MergeQue UnderLowWater", 1},
 };
 
-const MergeQueStatDesc g_mergeQueReaderStatDesc[MERGE_QUE_READER_STAT_NUM] = {
+constexpr MergeQueStatDesc g_mergeQueReaderStatDesc[MERGE_QUE_READER_STAT_NUM] = {
     {0, "Success Merge", 0},    {1, "Fail Merge", 1},       {2, "Success Write", 0},
     {3, "Success Read", 0},     {4, "Fail Write", 1},       {5, "Fail Read", 1},
     {6, "Empty Read", 1},       {7, "Write Notify Err", 1}, {8, "Read Notify Err", 1},
