@@ -42,7 +42,7 @@ static_assert(offsetof(ElemHdr, node) == 0, "the index node is the element heade
 
 struct Slab {
     Slab *next;
-    uint32_t count;
+    size_t bytes;
 };
 
 constexpr size_t kSlabHdr = (sizeof(Slab) + 7) & ~size_t{7};  // elements follow, 8-aligned
@@ -50,14 +50,29 @@ constexpr uint32_t kFirstSlabElems = 16;
 constexpr size_t kHugePage = size_t{2} << 20;
 constexpr size_t kMaxSlabBytes = 4 * kHugePage;
 
-// A block of at least size bytes; blocks of a huge page or more are huge-page
-// aligned and advised so. Released with std::free.
+// A block of at least size bytes. Blocks of a huge page or more are mapped
+// afresh, huge-page aligned and advised so (memory recycled by malloc would
+// keep the small pages it was first touched with).
 void *BlockAlloc(size_t size) {
     if (size < kHugePage) return std::malloc(size);
     size = (size + kHugePage - 1) & ~(kHugePage - 1);
-    void *p = std::aligned_alloc(kHugePage, size);
-    if (p != nullptr) (void)madvise(p, size, MADV_HUGEPAGE);
-    return p;
+    size_t span = size + kHugePage;
+    void *raw = mmap(nullptr, span, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (raw == MAP_FAILED) return nullptr;
+    auto base = reinterpret_cast<uintptr_t>(raw);
+    uintptr_t start = (base + kHugePage - 1) & ~(kHugePage - 1);
+    if (start != base) munmap(raw, start - base);
+    if (base + span != start + size) munmap(reinterpret_cast<void *>(start + size), base + span - start - size);
+    (void)madvise(reinterpret_cast<void *>(start), size, MADV_HUGEPAGE);
+    return reinterpret_cast<void *>(start);
+}
+
+void BlockFree(void *block, size_t size) {
+    if (size < kHugePage) {
+        std::free(block);
+    } else {
+        munmap(block, (size + kHugePage - 1) & ~(kHugePage - 1));
+    }
 }
 
 bool AsymmetricFenceReady() {
@@ -192,10 +207,11 @@ void Unlink(LITE_HASH_S *h, ElemHdr *hdr) {
 
 bool GrowSlab(LITE_HASH_S *h) {
     uint32_t n = h->nextSlabElems;
-    auto *slab = static_cast<Slab *>(BlockAlloc(kSlabHdr + static_cast<size_t>(n) * h->stride));
+    size_t bytes = kSlabHdr + static_cast<size_t>(n) * h->stride;
+    auto *slab = static_cast<Slab *>(BlockAlloc(bytes));
     if (slab == nullptr) return false;
     slab->next = h->slabs;
-    slab->count = n;
+    slab->bytes = bytes;
     h->slabs = slab;
     h->carve = reinterpret_cast<uint8_t *>(slab) + kSlabHdr;
     h->carveLeft = n;
@@ -233,7 +249,7 @@ QOV_PLAT_API LITE_HASH_S *LITE_HASH_CreateWithLock(uint32_t memPtNo, uint16_t el
     std::memset(buckets, 0, bucketBytes);
     auto *h = new (std::nothrow) LITE_HASH;
     if (h == nullptr) {
-        std::free(buckets);
+        BlockFree(buckets, bucketBytes);
         return nullptr;
     }
     h->buckets = buckets;
@@ -258,9 +274,9 @@ QOV_PLAT_API void LITE_HASH_DeleteHash(LITE_HASH_S **hash) {
     LITE_HASH_S *h = *hash;
     for (Slab *s = h->slabs, *next; s != nullptr; s = next) {
         next = s->next;
-        std::free(s);
+        BlockFree(s, s->bytes);
     }
-    std::free(h->buckets);
+    BlockFree(h->buckets, size_t{h->bucketNum} * sizeof(ElemHdr *));
     delete h;
     *hash = nullptr;
 }
