@@ -1,7 +1,8 @@
 // Per-entry cost of the merge queue (append, merge into a queued key, callback
 // read) against a plain baseline doing the same work: std::unordered_map from
 // key to a std::list iterator, records in the list. Ends with a table of the
-// ratios baseline/queue per operation and key count.
+// ratios baseline/queue per operation and key count. The merge runs also show
+// heap_growth_B, the heap taken during the timed merges (0: no allocation).
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 #include <sys/epoll.h>
@@ -134,6 +135,14 @@ void Drain(Q &q) {
     benchmark::DoNotOptimize(sink);
 }
 
+// One fill and drain before timing, as in a process that has been running:
+// allocators warmed up, the high-water statistics already at their maximum.
+template <class Q>
+void WarmUp(Q &q, const Workload &w) {
+    for (const Rec &r : w.recs) q.Write(r);
+    Drain(q);
+}
+
 void PerEntry(benchmark::State &state, size_t n) {
     state.counters["per_entry"] =
         benchmark::Counter(static_cast<double>(n), benchmark::Counter::kIsIterationInvariantRate |
@@ -145,6 +154,7 @@ void BM_Append(benchmark::State &state) {
     auto n = static_cast<size_t>(state.range(0));
     const Workload &w = Load(n);
     Q q(static_cast<uint32_t>(n));
+    WarmUp(q, w);
     for (auto _ : state) {
         for (const Rec &r : w.recs) q.Write(r);
         state.PauseTiming();
@@ -174,6 +184,7 @@ void BM_Read(benchmark::State &state) {
     auto n = static_cast<size_t>(state.range(0));
     const Workload &w = Load(n);
     Q q(static_cast<uint32_t>(n));
+    WarmUp(q, w);
     uint64_t sink = 0;
     for (auto _ : state) {
         state.PauseTiming();
@@ -187,7 +198,8 @@ void BM_Read(benchmark::State &state) {
 }
 
 #define QOV_BENCH(fn, Q, name) \
-    BENCHMARK_TEMPLATE(fn, Q)->Name(name)->Arg(1 << 10)->Arg(1 << 16)->Arg(1 << 20)->Unit(benchmark::kMillisecond)
+    BENCHMARK_TEMPLATE(fn, Q)->Name(name)->Arg(1 << 10)->Arg(1 << 16)->Arg(1 << 20)->Unit(benchmark::kMillisecond) \
+        ->Repetitions(5)->DisplayAggregatesOnly(true)
 
 QOV_BENCH(BM_Append, Queue, "append/queue");
 QOV_BENCH(BM_Append, Baseline, "append/baseline");
@@ -196,18 +208,21 @@ QOV_BENCH(BM_Merge, Baseline, "merge/baseline");
 QOV_BENCH(BM_Read, Queue, "read/queue");
 QOV_BENCH(BM_Read, Baseline, "read/baseline");
 
-// Keeps each run's per-entry time for the closing ratio table.
+// Keeps the median per-entry time of each benchmark's repetitions (robust
+// against other load on the machine) for the closing ratio table.
 class RatioReporter : public benchmark::ConsoleReporter {
 public:
     void ReportRuns(const std::vector<Run> &runs) override {
         ConsoleReporter::ReportRuns(runs);
         for (const Run &r : runs) {
             auto it = r.counters.find("per_entry");
-            if (it != r.counters.end()) perEntryNs_[r.benchmark_name()] = it->second.value * 1e9;
+            if (r.aggregate_name != "median" || it == r.counters.end()) continue;
+            perEntryNs_[r.run_name.function_name + "/" + r.run_name.args] = it->second.value * 1e9;
         }
     }
     void PrintRatios() const {
-        std::printf("\n%-8s %8s %12s %12s %8s\n", "op", "keys", "queue ns", "baseline ns", "ratio");
+        std::printf("\nMedian of the repetitions, per entry:\n%-8s %8s %12s %12s %8s\n", "op", "keys", "queue ns",
+                    "baseline ns", "ratio");
         for (const char *op : {"append", "merge", "read"}) {
             for (const char *keys : {"1024", "65536", "1048576"}) {
                 double q = Get(std::string(op) + "/queue/" + keys);

@@ -168,10 +168,16 @@ uint32_t QOV_MergeQueReadToCallBack(MergeQueCtrlBlk *mque, uint32_t maxCount, Me
 
 }  // extern "C"
 
-// Counting a slot: add 1 and stamp the time when the slot's row says so.
-void MqCountStat(MergeQueCtrlBlk *mque, uint32_t id);
-void MqCountReaderStat(MergeQueCtrlBlk *mque, uint32_t id);
-// Adds n to a reader slot's count, stamping as its row says.
-void MqAddReaderStat(MergeQueCtrlBlk *mque, uint32_t id, uint32_t n);
+// Counting a slot: add to its count and stamp the time when the slot's row
+// says so. Inline, since appends, merges and reads count on every call.
+inline void MqAddReaderStat(MergeQueCtrlBlk *mque, uint32_t id, uint32_t n) {
+    mque->reader.stat[id].cnt += n;
+    if (g_mergeQueReaderStatDesc[id].stampFlag == 1) QOV_MergeQueSetTimeStamp(&mque->reader.stat[id].stamp);
+}
+inline void MqCountReaderStat(MergeQueCtrlBlk *mque, uint32_t id) { MqAddReaderStat(mque, id, 1); }
+inline void MqCountStat(MergeQueCtrlBlk *mque, uint32_t id) {
+    mque->stat[id].cnt++;
+    if (g_mergeQueStatDesc[id].stampFlag == 1) QOV_MergeQueSetTimeStamp(&mque->stat[id].stamp);
+}
 
 #endif

@@ -21,14 +21,14 @@ void MqSetIfHigher(MergeQueStatSlot *slot, int32_t value) {
 
 extern "C" {
 
-const MergeQueStatDesc g_mergeQueStatDesc[MERGE_QUE_STAT_NUM] = {
+constexpr MergeQueStatDesc g_mergeQueStatDesc[MERGE_QUE_STAT_NUM] = {
     {0, "MergeQue MaxConflict", 1},
     {1, "MergeQue HistoryMaxCnt", 1},
     {2, "MergeQue OverHighWater", 1},
     {3, "MergeQue UnderLowWater", 1},
 };
 
-const MergeQueStatDesc g_mergeQueReaderStatDesc[MERGE_QUE_READER_STAT_NUM] = {
+constexpr MergeQueStatDesc g_mergeQueReaderStatDesc[MERGE_QUE_READER_STAT_NUM] = {
     {0, "Success Merge", 0},    {1, "Fail Merge", 1},       {2, "Success Write", 0},
     {3, "Success Read", 0},     {4, "Fail Write", 1},       {5, "Fail Read", 1},
     {6, "Empty Read", 1},       {7, "Write Notify Err", 1}, {8, "Read Notify Err", 1},
@@ -79,15 +79,3 @@ char *QOV_MergeQueTrans2Time(char *buf, uint32_t size, const uint64_t *stamp) {
 }
 
 }  // extern "C"
-
-void MqCountStat(MergeQueCtrlBlk *mque, uint32_t id) {
-    mque->stat[id].cnt++;
-    if (g_mergeQueStatDesc[id].stampFlag == 1) QOV_MergeQueSetTimeStamp(&mque->stat[id].stamp);
-}
-
-void MqAddReaderStat(MergeQueCtrlBlk *mque, uint32_t id, uint32_t n) {
-    mque->reader.stat[id].cnt += n;
-    if (g_mergeQueReaderStatDesc[id].stampFlag == 1) QOV_MergeQueSetTimeStamp(&mque->reader.stat[id].stamp);
-}
-
-void MqCountReaderStat(MergeQueCtrlBlk *mque, uint32_t id) { MqAddReaderStat(mque, id, 1); }

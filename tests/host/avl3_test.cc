@@ -1,7 +1,8 @@
 // The host AVL tree against a reference set: order, find, parent links,
 // recorded heights and the AVL balance after every insertion and deletion.
+#include <algorithm>
 #include <cmath>
-#include <cstring>
+#include <map>
 #include <memory>
 #include <random>
 #include <set>
@@ -63,9 +64,15 @@ protected:
 TEST_F(Avl3Test, RandomInsertDeleteMatchesReference) {
     std::set<int> ref;
     std::map<int, Obj *> live;
+    for (int k = 1000; k < 1300; ++k) {  // ascending keys first: the classic way to unbalance a tree
+        live[k] = Make(k);
+        ASSERT_EQ(YAV_AVL3_Insert_Or_Find(&tree_, &live[k]->node, &kInfo), nullptr);
+        ref.insert(k);
+    }
+    ExpectMatches(ref);
     std::mt19937 rng(7);
     for (int step = 0; step < 4000; ++step) {
-        int key = static_cast<int>(rng() % 500);
+        int key = static_cast<int>(rng() % 500) * 3;
         auto *found = static_cast<Obj *>(YAV_AVL3_Find(&tree_, &key, &kInfo));
         ASSERT_EQ(found != nullptr, ref.count(key) != 0);
         if (found == nullptr) {
@@ -82,16 +89,6 @@ TEST_F(Avl3Test, RandomInsertDeleteMatchesReference) {
         if (step % 50 == 0) ExpectMatches(ref);
     }
     ExpectMatches(ref);
-}
-
-TEST_F(Avl3Test, SortedInsertionStaysBalanced) {
-    std::set<int> ref;
-    for (int k = 0; k < 1024; ++k) {
-        ASSERT_EQ(YAV_AVL3_Insert_Or_Find(&tree_, &Make(k)->node, &kInfo), nullptr);
-        ref.insert(k);
-    }
-    ExpectMatches(ref);
-    EXPECT_EQ(static_cast<Obj *>(YAV_AVL3_First(&tree_, &kInfo))->key, 0);
 }
 
 TEST_F(Avl3Test, EqualKeyReturnsTheObjectInTheTree) {

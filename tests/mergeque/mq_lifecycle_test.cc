@@ -57,7 +57,7 @@ TEST_F(MqTest, EpFdZeroPassesTheChecks) {
 
 struct StepCase {
     const char *what;
-    std::function<void()> arm;
+    std::function<void(MergeQueCreatePara &)> arm;
     std::vector<std::string> lines;
 };
 
@@ -66,7 +66,7 @@ class MqFailStepTest : public MqTest, public ::testing::WithParamInterface<StepC
 // A failing step leaves no name, no block and no descriptor behind.
 TEST_P(MqFailStepTest, LeavesNothing) {
     int fds = OpenFds();
-    GetParam().arm();
+    GetParam().arm(para_);
     EXPECT_EQ(Make("step_q"), nullptr) << GetParam().what;
     for (const auto &l : GetParam().lines) EXPECT_TRUE(qovtest::HasLine(l)) << l;
     EXPECT_EQ(QOV_MergeQueNameTreeFind("step_q"), nullptr);
@@ -81,25 +81,20 @@ TEST_P(MqFailStepTest, LeavesNothing) {
 INSTANTIATE_TEST_SUITE_P(
     Create, MqFailStepTest,
     ::testing::Values(
-        StepCase{"malloc", [] { qovtest::AllocFailAt(1); }, {"[QOV_MERGE_QUE Create] malloc Fail"}},
-        StepCase{"name insert", [] { QovHostFailNext("YAV_AVL3_Insert_Or_Find", 1, 0); },
+        StepCase{"malloc", [](auto &) { qovtest::AllocFailAt(1); }, {"[QOV_MERGE_QUE Create] malloc Fail"}},
+        StepCase{"name insert", [](auto &) { QovHostFailNext("YAV_AVL3_Insert_Or_Find", 1, 0); },
                  {"step_q NameTreeInsert Fail.", "[QOV_MERGE_QUE Create] step_q nameInsert Fail",
                   "[QOV_MERGE_QUE Create] step_q init Fail"}},
-        StepCase{"hash", [] { QovHostFailNext("LITE_HASH_CreateWithLock", 1, 0); },
+        StepCase{"hash", [](auto &) { QovHostFailNext("LITE_HASH_CreateWithLock", 1, 0); },
                  {"[QOV_MERGE_QUE HashCreate] step_q hash new Fail", "[QOV_MERGE_QUE Create] step_q hash create Fail",
                   "[QOV_MERGE_QUE Create] step_q init Fail"}},
-        StepCase{"eventfd", [] { QovHostFailNext("eventfd_s", 1, -1); },
+        StepCase{"eventfd", [](auto &) { QovHostFailNext("eventfd_s", 1, -1); },
                  {"step_q Create Eventfd Fail, errno=24", "[QOV_MERGE_QUE Create] step_q hash create Fail"}},
-        StepCase{"epoll add", [] { QovHostFailNext("QOV_EPOLL_Add", 1, 1); },
+        StepCase{"element too large", [](auto &p) { p.dataSize = 65536; },
+                 {"[QOV_MERGE_QUE HashCreate] step_q hash new Fail", "[QOV_MERGE_QUE Create] step_q init Fail"}},
+        StepCase{"epoll add", [](auto &) { QovHostFailNext("QOV_EPOLL_Add", 1, 1); },
                  {"step_q failed to add epoll", "[QOV_MERGE_QUE Create] step_q hash create Fail"}}),
     [](const auto &p) { return "Step" + std::to_string(p.index); });
-
-TEST_F(MqTest, ElementTooLargeForTheTableFails) {
-    para_.dataSize = 65536;
-    EXPECT_EQ(Make("big_q"), nullptr);
-    EXPECT_TRUE(qovtest::HasLine("[QOV_MERGE_QUE HashCreate] big_q hash new Fail"));
-    EXPECT_EQ(qovtest::AllocOutstanding(), 0);
-}
 
 TEST_F(MqTest, NamesAreBoundedAndUnique) {
     std::string n31(31, 'a'), n32(32, 'b');

@@ -1,17 +1,25 @@
 // Keyed hash table of fixed-size elements that the table allocates itself.
 //
 // Each element sits behind a small header: the index node (its first word is
-// the element), the bucket chain link, the element's bucket and a linked flag.
-// Elements are carved from slabs and recycled through a free list, so a new
-// element costs at most one allocation and usually none; released elements
-// stay with the table until it is deleted. Bucket chains are singly linked
-// and a new element goes to the head of its chain. The bucket index is the
-// hash value modulo the bucket count, computed with a precomputed reciprocal.
+// the element), the bucket chain link, the element's hash value and a linked
+// flag. Elements are carved from slabs and recycled through a free list, so a
+// new element costs at most one allocation and usually none; released
+// elements stay with the table until it is deleted. Bucket chains are singly
+// linked and a new element goes to the head of its chain; a chain is walked
+// comparing hash values first, so the compare function runs only on likely
+// matches. The bucket index is the hash value modulo the bucket count,
+// computed with a precomputed reciprocal. Large blocks (big bucket arrays and
+// slabs) are 2 MiB aligned and offered to the kernel for huge pages, which
+// keeps random access to a big table from missing the TLB on every lookup.
 //
-// The table's lock is a spin-then-yield lock on one atomic word: the table's
-// critical sections are a handful of pointer operations and nearly always
-// uncontended, where a full mutex would double the cost of every call.
+// The table's lock (TableLock below) costs its usual thread no atomic
+// read-modify-write: a fenced lock per call would serialise the memory
+// accesses of successive calls, which dominate the cost of a big table.
 #include <sched.h>
+#include <linux/membarrier.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstddef>
@@ -26,7 +34,7 @@ namespace {
 struct ElemHdr {
     LITE_HASH_NODE_S node;  // node.data points at the element, just behind this header
     ElemHdr *next;          // bucket chain, or free list
-    uint32_t bucket;
+    uint32_t hash;
     uint32_t linked;
 };
 static_assert(sizeof(ElemHdr) % 8 == 0, "elements behind the header stay 8-aligned");
@@ -34,43 +42,125 @@ static_assert(offsetof(ElemHdr, node) == 0, "the index node is the element heade
 
 struct Slab {
     Slab *next;
-    uint32_t count;
+    size_t bytes;
 };
 
 constexpr size_t kSlabHdr = (sizeof(Slab) + 7) & ~size_t{7};  // elements follow, 8-aligned
 constexpr uint32_t kFirstSlabElems = 16;
-constexpr uint32_t kMaxSlabElems = 4096;
+constexpr size_t kHugePage = size_t{2} << 20;
+constexpr size_t kMaxSlabBytes = 4 * kHugePage;
 
-class SpinLock {
+// A block of at least size bytes. Blocks of a huge page or more are mapped
+// afresh, huge-page aligned and advised so (memory recycled by malloc would
+// keep the small pages it was first touched with).
+void *BlockAlloc(size_t size) {
+    if (size < kHugePage) return std::malloc(size);
+    size = (size + kHugePage - 1) & ~(kHugePage - 1);
+    size_t span = size + kHugePage;
+    void *raw = mmap(nullptr, span, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (raw == MAP_FAILED) return nullptr;
+    auto base = reinterpret_cast<uintptr_t>(raw);
+    uintptr_t start = (base + kHugePage - 1) & ~(kHugePage - 1);
+    if (start != base) munmap(raw, start - base);
+    if (base + span != start + size) munmap(reinterpret_cast<void *>(start + size), base + span - start - size);
+    (void)madvise(reinterpret_cast<void *>(start), size, MADV_HUGEPAGE);
+    return reinterpret_cast<void *>(start);
+}
+
+void BlockFree(void *block, size_t size) {
+    if (size < kHugePage) {
+        std::free(block);
+    } else {
+        munmap(block, (size + kHugePage - 1) & ~(kHugePage - 1));
+    }
+}
+
+bool AsymmetricFenceReady() {
+    static const bool ready = syscall(__NR_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) == 0;
+    return ready;
+}
+
+// Makes every running thread of the process pass a full memory barrier.
+void HeavyFence() { (void)syscall(__NR_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0); }
+
+void Backoff(uint32_t &spins) {
+    if (++spins > 64) sched_yield();
+}
+
+thread_local uint8_t t_self __attribute__((tls_model("initial-exec")));
+
+// The table's lock, biased to the thread that first changes the table (the
+// queue's writer and reader): that thread takes it with plain stores and no
+// hardware fence, so it keeps overlapping the memory accesses of successive
+// calls. Any other thread takes it the slow way: it announces itself and
+// forces a barrier on the owner with membarrier(2) before it checks whether
+// the owner is inside (Dekker's exclusion with an asymmetric fence). Without
+// membarrier nobody becomes owner and every thread takes the slow way.
+class TableLock {
 public:
-    void Lock() {
-        for (uint32_t spins = 0; word_.exchange(1, std::memory_order_acquire) != 0;) {
-            while (word_.load(std::memory_order_relaxed) != 0) {
-                if (++spins > 64) sched_yield();
-            }
+    // claim: the caller changes the table and may become its owner.
+    void Lock(bool claim) {
+        const void *self = &t_self;
+        const void *owner = owner_.load(std::memory_order_relaxed);
+        if (owner == nullptr && claim && AsymmetricFenceReady() &&
+            owner_.compare_exchange_strong(owner, self, std::memory_order_relaxed)) {
+            owner = self;
+        }
+        if (owner == self) {
+            OwnerLock();
+        } else {
+            OtherLock();
         }
     }
-    void Unlock() { word_.store(0, std::memory_order_release); }
+    void Unlock() {
+        if (owner_.load(std::memory_order_relaxed) == &t_self) {
+            ownerBusy_.store(0, std::memory_order_release);
+            return;
+        }
+        otherWant_.store(0, std::memory_order_release);
+        others_.store(0, std::memory_order_release);
+    }
 
 private:
-    std::atomic<uint32_t> word_{0};
+    void OwnerLock() {
+        for (uint32_t spins = 0;;) {
+            ownerBusy_.store(1, std::memory_order_relaxed);
+            std::atomic_signal_fence(std::memory_order_seq_cst);  // the other side's HeavyFence orders this
+            if (otherWant_.load(std::memory_order_acquire) == 0) return;
+            ownerBusy_.store(0, std::memory_order_release);
+            while (otherWant_.load(std::memory_order_acquire) != 0) Backoff(spins);
+        }
+    }
+    void OtherLock() {
+        for (uint32_t spins = 0; others_.exchange(1, std::memory_order_acquire) != 0;) {
+            while (others_.load(std::memory_order_relaxed) != 0) Backoff(spins);
+        }
+        otherWant_.store(1, std::memory_order_seq_cst);
+        if (owner_.load(std::memory_order_relaxed) != nullptr) HeavyFence();
+        for (uint32_t spins = 0; ownerBusy_.load(std::memory_order_acquire) != 0;) Backoff(spins);
+    }
+
+    std::atomic<const void *> owner_{nullptr};
+    std::atomic<uint32_t> ownerBusy_{0};  // 1 while the owner is inside
+    std::atomic<uint32_t> otherWant_{0};  // 1 while another thread is inside or waiting
+    std::atomic<uint32_t> others_{0};     // excludes the other threads among themselves
 };
 
 class Guard {
 public:
-    explicit Guard(SpinLock &l) : l_(l) { l_.Lock(); }
+    Guard(TableLock &l, bool claim) : l_(l) { l_.Lock(claim); }
     ~Guard() { l_.Unlock(); }
     Guard(const Guard &) = delete;
     Guard &operator=(const Guard &) = delete;
 
 private:
-    SpinLock &l_;
+    TableLock &l_;
 };
 
 }  // namespace
 
 struct LITE_HASH {
-    SpinLock lock;
+    TableLock lock;
     ElemHdr **buckets;
     uint32_t bucketNum;
     uint64_t modMagic;  // ceil(2^64 / bucketNum), for a division-free modulo
@@ -89,24 +179,24 @@ struct LITE_HASH {
 namespace {
 
 // hash % bucketNum for any 32-bit hash (Lemire's fastmod).
-inline uint32_t BucketOf(const LITE_HASH_S *h, const void *key) {
-    uint64_t low = h->modMagic * h->hashFunc(key);
+inline uint32_t BucketOf(const LITE_HASH_S *h, uint32_t hash) {
+    uint64_t low = h->modMagic * hash;
     return static_cast<uint32_t>((static_cast<__uint128_t>(low) * h->bucketNum) >> 64);
 }
 
 inline void *ElemOf(ElemHdr *hdr) { return hdr + 1; }
 inline ElemHdr *HdrOf(void *elem) { return static_cast<ElemHdr *>(elem) - 1; }
 
-// The link that points at the first element of bucket b equal to key, or null.
-ElemHdr **FindLink(LITE_HASH_S *h, uint32_t b, const void *key) {
-    for (ElemHdr **link = &h->buckets[b]; *link != nullptr; link = &(*link)->next) {
-        if (h->cmpFunc(ElemOf(*link), key) != 0) return link;
+// The link that points at the first element equal to key in its bucket, or null.
+ElemHdr **FindLink(LITE_HASH_S *h, uint32_t hash, const void *key) {
+    for (ElemHdr **link = &h->buckets[BucketOf(h, hash)]; *link != nullptr; link = &(*link)->next) {
+        if ((*link)->hash == hash && h->cmpFunc(ElemOf(*link), key) != 0) return link;
     }
     return nullptr;
 }
 
 void Unlink(LITE_HASH_S *h, ElemHdr *hdr) {
-    for (ElemHdr **link = &h->buckets[hdr->bucket]; *link != nullptr; link = &(*link)->next) {
+    for (ElemHdr **link = &h->buckets[BucketOf(h, hdr->hash)]; *link != nullptr; link = &(*link)->next) {
         if (*link != hdr) continue;
         *link = hdr->next;
         hdr->linked = 0;
@@ -117,14 +207,15 @@ void Unlink(LITE_HASH_S *h, ElemHdr *hdr) {
 
 bool GrowSlab(LITE_HASH_S *h) {
     uint32_t n = h->nextSlabElems;
-    auto *slab = static_cast<Slab *>(std::malloc(kSlabHdr + static_cast<size_t>(n) * h->stride));
+    size_t bytes = kSlabHdr + static_cast<size_t>(n) * h->stride;
+    auto *slab = static_cast<Slab *>(BlockAlloc(bytes));
     if (slab == nullptr) return false;
     slab->next = h->slabs;
-    slab->count = n;
+    slab->bytes = bytes;
     h->slabs = slab;
     h->carve = reinterpret_cast<uint8_t *>(slab) + kSlabHdr;
     h->carveLeft = n;
-    if (n < kMaxSlabElems) h->nextSlabElems = n * 2;
+    if (kSlabHdr + uint64_t{n} * 2 * h->stride <= kMaxSlabBytes) h->nextSlabElems = n * 2;
     return true;
 }
 
@@ -152,11 +243,13 @@ QOV_PLAT_API LITE_HASH_S *LITE_HASH_CreateWithLock(uint32_t memPtNo, uint16_t el
     int64_t r = 0;
     if (qovhost::Fail("LITE_HASH_CreateWithLock", &r)) return nullptr;
     if (bucketNum == 0 || hashFunc == nullptr || cmpFunc == nullptr) return nullptr;
-    auto **buckets = static_cast<ElemHdr **>(std::calloc(bucketNum, sizeof(ElemHdr *)));
+    size_t bucketBytes = size_t{bucketNum} * sizeof(ElemHdr *);
+    auto **buckets = static_cast<ElemHdr **>(BlockAlloc(bucketBytes));
     if (buckets == nullptr) return nullptr;
+    std::memset(buckets, 0, bucketBytes);
     auto *h = new (std::nothrow) LITE_HASH;
     if (h == nullptr) {
-        std::free(buckets);
+        BlockFree(buckets, bucketBytes);
         return nullptr;
     }
     h->buckets = buckets;
@@ -181,9 +274,9 @@ QOV_PLAT_API void LITE_HASH_DeleteHash(LITE_HASH_S **hash) {
     LITE_HASH_S *h = *hash;
     for (Slab *s = h->slabs, *next; s != nullptr; s = next) {
         next = s->next;
-        std::free(s);
+        BlockFree(s, s->bytes);
     }
-    std::free(h->buckets);
+    BlockFree(h->buckets, size_t{h->bucketNum} * sizeof(ElemHdr *));
     delete h;
     *hash = nullptr;
 }
@@ -194,7 +287,7 @@ QOV_PLAT_API void *LITE_HASH_NewData(LITE_HASH_S *hash, uint32_t flags) {
     if (hash == nullptr || qovhost::Fail("LITE_HASH_NewData", &r)) return nullptr;
     ElemHdr *hdr;
     {
-        Guard g(hash->lock);
+        Guard g(hash->lock, true);
         hdr = TakeElem(hash);
     }
     if (hdr == nullptr) return nullptr;
@@ -209,7 +302,7 @@ QOV_PLAT_API void *LITE_HASH_NewData(LITE_HASH_S *hash, uint32_t flags) {
 QOV_PLAT_API void LITE_HASH_FreeData(LITE_HASH_S *hash, void *element) {
     if (hash == nullptr || element == nullptr) return;
     ElemHdr *hdr = HdrOf(element);
-    Guard g(hash->lock);
+    Guard g(hash->lock, true);
     if (hdr->linked != 0) Unlink(hash, hdr);
     hdr->next = hash->freeList;
     hash->freeList = hdr;
@@ -222,9 +315,9 @@ QOV_PLAT_API uint32_t LITE_HASH_AddNode(LITE_HASH_S *hash, const void *key, void
     if (hash == nullptr || key == nullptr || element == nullptr) return 1;
     ElemHdr *hdr = HdrOf(element);
     if (hdr->linked != 0) return 1;
-    uint32_t b = BucketOf(hash, key);
-    Guard g(hash->lock);
-    hdr->bucket = b;
+    hdr->hash = hash->hashFunc(key);
+    uint32_t b = BucketOf(hash, hdr->hash);
+    Guard g(hash->lock, true);
     hdr->linked = 1;
     hdr->next = hash->buckets[b];
     hash->buckets[b] = hdr;
@@ -234,9 +327,9 @@ QOV_PLAT_API uint32_t LITE_HASH_AddNode(LITE_HASH_S *hash, const void *key, void
 
 QOV_PLAT_API LITE_HASH_NODE_S *LITE_HASH_FindNodeFromFirst(LITE_HASH_S *hash, const void *key) {
     if (hash == nullptr || key == nullptr) return nullptr;
-    uint32_t b = BucketOf(hash, key);
-    Guard g(hash->lock);
-    ElemHdr **link = FindLink(hash, b, key);
+    uint32_t hv = hash->hashFunc(key);
+    Guard g(hash->lock, true);
+    ElemHdr **link = FindLink(hash, hv, key);
     return link == nullptr ? nullptr : &(*link)->node;
 }
 
@@ -244,9 +337,9 @@ QOV_PLAT_API void *LITE_HASH_RemoveNodeByKey(LITE_HASH_S *hash, const void *key)
     int64_t r = 0;
     if (qovhost::Fail("LITE_HASH_RemoveNodeByKey", &r)) return nullptr;
     if (hash == nullptr || key == nullptr) return nullptr;
-    uint32_t b = BucketOf(hash, key);
-    Guard g(hash->lock);
-    ElemHdr **link = FindLink(hash, b, key);
+    uint32_t hv = hash->hashFunc(key);
+    Guard g(hash->lock, true);
+    ElemHdr **link = FindLink(hash, hv, key);
     if (link == nullptr) return nullptr;
     ElemHdr *hdr = *link;
     *link = hdr->next;
@@ -257,8 +350,8 @@ QOV_PLAT_API void *LITE_HASH_RemoveNodeByKey(LITE_HASH_S *hash, const void *key)
 
 QOV_PLAT_API int32_t LITE_HASH_GetListCntByKey(LITE_HASH_S *hash, const void *key) {
     if (hash == nullptr || key == nullptr) return 0;
-    uint32_t b = BucketOf(hash, key);
-    Guard g(hash->lock);
+    uint32_t b = BucketOf(hash, hash->hashFunc(key));
+    Guard g(hash->lock, false);
     int32_t n = 0;
     for (ElemHdr *e = hash->buckets[b]; e != nullptr; e = e->next) n++;
     return n;
@@ -266,7 +359,7 @@ QOV_PLAT_API int32_t LITE_HASH_GetListCntByKey(LITE_HASH_S *hash, const void *ke
 
 QOV_PLAT_API int32_t LITE_HASH_GetHashCnt(LITE_HASH_S *hash) {
     if (hash == nullptr) return 0;
-    Guard g(hash->lock);
+    Guard g(hash->lock, false);
     return hash->count;
 }
 
