@@ -86,7 +86,7 @@ public:
         QOV_MergeQueDestory(q_);
         close(epFd_);
     }
-    void Write(const Rec &r) { QOV_MergeQueWrite(q_, &r.key, &r, 0); }
+    void Write(Rec r) { QOV_MergeQueWrite(q_, &r.key, &r, 0); }  // the merge function works on the copy
     uint32_t Read(uint64_t *sink) { return QOV_MergeQueReadCallBack(q_, kBatch, Consume, sink); }
 
 private:

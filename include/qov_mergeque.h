@@ -85,9 +85,9 @@ QOV_AS_API uint32_t QOV_MergeQueMonitorReg(MergeQueCtrlBlk *mque, const MergeQue
 QOV_AS_API uint32_t QOV_MergeQueBackPress(MergeQueCtrlBlk *mque, uint64_t ctx);
 /* Puts the event descriptor back; stores the kept context in *ctx when given. */
 QOV_AS_API uint32_t QOV_MergeQueUnBackPress(MergeQueCtrlBlk *mque, uint64_t *ctx);
-/* Merges record into the queued record with the same key, or appends it. */
-QOV_AS_API uint32_t QOV_MergeQueWrite(MergeQueCtrlBlk *mque, const void *key, const void *record,
-                                      uint32_t moveToTail);
+/* Merges record into the queued record with the same key, or appends it. The
+ * merge function may change record before it is stored, so it is writable. */
+QOV_AS_API uint32_t QOV_MergeQueWrite(MergeQueCtrlBlk *mque, const void *key, void *record, uint32_t moveToTail);
 /* Copies up to maxCount records from the head into buf. */
 QOV_AS_API uint32_t QOV_MergeQueRead(MergeQueCtrlBlk *mque, void *buf, uint32_t maxCount);
 /* Hands up to maxCount records from the head to func, one by one. */

@@ -83,6 +83,15 @@ static_assert(sizeof(MergeQueEntry) == 3 * sizeof(void *));
 static_assert(offsetof(MergeQueEntry, link) == sizeof(void *));
 
 inline uint8_t *MqEntryData(MergeQueEntry *e) { return reinterpret_cast<uint8_t *>(e + 1); }
+
+// Copies one record. Entries and the caller's records are dataSize bytes by
+// the queue's contract, so the bound is the record size itself; the copy is
+// inline because it sits on every write, merge and copy-out read. A record
+// copied onto itself (a merge function that stored in place) is left alone.
+inline void MqCopyRecord(void *dst, const void *src, uint32_t dataSize) {
+    if (dst != src) __builtin_memcpy(dst, src, dataSize);
+}
+
 inline MergeQueEntry *MqEntryOfLink(MergeQueLink *l) {
     return reinterpret_cast<MergeQueEntry *>(reinterpret_cast<uint8_t *>(l) - offsetof(MergeQueEntry, link));
 }

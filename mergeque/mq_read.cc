@@ -35,8 +35,8 @@ uint32_t QOV_MergeQueReadBase(MergeQueCtrlBlk *mque, uint32_t recSize, void *buf
     for (MergeQueLink *l = head->next, *next; l != head && read < limit; l = next, ++read) {
         next = l->next;
         MergeQueEntry *entry = MqEntryOfLink(l);
-        // The caller's buffer holds maxCount records; only an overlapping buffer fails to copy.
-        (void)memcpy_s(out + static_cast<size_t>(read) * recSize, recSize, MqEntryData(entry), recSize);
+        // The caller's buffer holds maxCount records.
+        MqCopyRecord(out + static_cast<size_t>(read) * recSize, MqEntryData(entry), recSize);
         MqTakeOut(mque, entry);
         LITE_HASH_FreeData(mque->hash, entry);
     }

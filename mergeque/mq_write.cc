@@ -22,8 +22,7 @@ inline void MqListAddTail(MergeQueLink *head, MergeQueLink *l) {
 
 extern "C" {
 
-QOV_AS_API uint32_t QOV_MergeQueWrite(MergeQueCtrlBlk *mque, const void *key, const void *record,
-                                      uint32_t moveToTail) {
+QOV_AS_API uint32_t QOV_MergeQueWrite(MergeQueCtrlBlk *mque, const void *key, void *record, uint32_t moveToTail) {
     if (mque == nullptr || key == nullptr || record == nullptr) {
         QOV_AUTOSYNC_QovLog(1, "merge queue write failed, mqueHandle: %u, key: %u, record: %u.",
                             mque == nullptr ? 1u : 0u, key == nullptr ? 1u : 0u, record == nullptr ? 1u : 0u);
@@ -31,9 +30,7 @@ QOV_AS_API uint32_t QOV_MergeQueWrite(MergeQueCtrlBlk *mque, const void *key, co
     }
     LITE_HASH_NODE_S *node = LITE_HASH_FindNodeFromFirst(mque->hash, key);
     if (node != nullptr && node->data != nullptr) {
-        // The merge function may change the incoming record before it is stored.
-        QOV_MergeQueMergeWrite(mque, const_cast<void *>(record), static_cast<MergeQueEntry *>(node->data),
-                               moveToTail);
+        QOV_MergeQueMergeWrite(mque, record, static_cast<MergeQueEntry *>(node->data), moveToTail);
         return 0;
     }
     return QOV_MergeQueNewWrite(mque, key, record);
@@ -42,8 +39,7 @@ QOV_AS_API uint32_t QOV_MergeQueWrite(MergeQueCtrlBlk *mque, const void *key, co
 void QOV_MergeQueMergeWrite(MergeQueCtrlBlk *mque, void *record, MergeQueEntry *entry, uint32_t moveToTail) {
     uint8_t *queued = MqEntryData(entry);
     if (mque->para.mergeFunc != nullptr) mque->para.mergeFunc(record, queued);
-    // Only a record that overlaps the queued one can fail to copy; it is then left as it is.
-    if (record != queued) (void)memcpy_s(queued, mque->para.dataSize, record, mque->para.dataSize);
+    MqCopyRecord(queued, record, mque->para.dataSize);
     if (moveToTail == 1) QOV_MergeQueMsgListMoveTail(mque, entry);
     MqCountReaderStat(mque, MQ_RSTAT_SUCCESS_MERGE);
 }
@@ -67,10 +63,7 @@ MergeQueEntry *QOV_MergeQueNewHashData(MergeQueCtrlBlk *mque, const void *key, c
     entry->owner = mque;
     entry->link.next = &entry->link;
     entry->link.prev = &entry->link;
-    if (memcpy_s(MqEntryData(entry), mque->para.dataSize, record, mque->para.dataSize) != 0) {
-        LITE_HASH_FreeData(mque->hash, entry);
-        return nullptr;
-    }
+    MqCopyRecord(MqEntryData(entry), record, mque->para.dataSize);
     if (LITE_HASH_AddNode(mque->hash, key, entry, 0) != 0) {
         QOV_AUTOSYNC_QovLog(1, "%s failed to hash addNode", mque->name);
         LITE_HASH_FreeData(mque->hash, entry);

@@ -101,13 +101,15 @@ public:
     // claim: the caller changes the table and may become its owner.
     void Lock(bool claim) {
         const void *self = &t_self;
-        const void *owner = owner_.load(std::memory_order_relaxed);
+        const void *owner = owner_.load(std::memory_order_seq_cst);
+        bool claimed = false;
         if (owner == nullptr && claim && AsymmetricFenceReady() &&
-            owner_.compare_exchange_strong(owner, self, std::memory_order_relaxed)) {
+            owner_.compare_exchange_strong(owner, self, std::memory_order_seq_cst)) {
             owner = self;
+            claimed = true;
         }
         if (owner == self) {
-            OwnerLock();
+            OwnerLock(claimed);
         } else {
             OtherLock();
         }
@@ -122,10 +124,16 @@ public:
     }
 
 private:
-    void OwnerLock() {
+    // A thread that saw no owner yet did not fence the owner, so the lock that
+    // makes a thread the owner fences itself.
+    void OwnerLock(bool fence) {
         for (uint32_t spins = 0;;) {
             ownerBusy_.store(1, std::memory_order_relaxed);
-            std::atomic_signal_fence(std::memory_order_seq_cst);  // the other side's HeavyFence orders this
+            if (fence) {
+                std::atomic_thread_fence(std::memory_order_seq_cst);
+            } else {
+                std::atomic_signal_fence(std::memory_order_seq_cst);  // the other side's HeavyFence orders this
+            }
             if (otherWant_.load(std::memory_order_acquire) == 0) return;
             ownerBusy_.store(0, std::memory_order_release);
             while (otherWant_.load(std::memory_order_acquire) != 0) Backoff(spins);
@@ -136,8 +144,8 @@ private:
             while (others_.load(std::memory_order_relaxed) != 0) Backoff(spins);
         }
         otherWant_.store(1, std::memory_order_seq_cst);
-        if (owner_.load(std::memory_order_relaxed) != nullptr) HeavyFence();
-        for (uint32_t spins = 0; ownerBusy_.load(std::memory_order_acquire) != 0;) Backoff(spins);
+        if (owner_.load(std::memory_order_seq_cst) != nullptr) HeavyFence();
+        for (uint32_t spins = 0; ownerBusy_.load(std::memory_order_seq_cst) != 0;) Backoff(spins);
     }
 
     std::atomic<const void *> owner_{nullptr};
