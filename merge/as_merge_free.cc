@@ -17,6 +17,9 @@ void FreeMergeRec(ASOrchHandle *hdl, ASOrchMergeRec *rec) {
     if (rec->dispatchHash != nullptr) ASOrchFreeDispatchHash(hdl, rec->dispatchHash);
     rec->dispatchHash = nullptr;
     if (rec->mergeQue != nullptr) {
+        // Out of the Data thread's epoll set first (this waits for a reader
+        // dispatch still running there), so the drain below reads alone.
+        (void)QOV_MergeQueBackPress(rec->mergeQue, 0);
         while (QOV_MergeQueReadCallBack(rec->mergeQue, AS_MERGE_READ_BATCH, DropQueuedMsg, nullptr) ==
                AS_MERGE_READ_BATCH) {
         }

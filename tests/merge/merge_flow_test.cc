@@ -139,3 +139,24 @@ TEST_F(FlowTest, RefusalsDataClearingAndBackPress) {
 }
 
 }  // namespace
+
+namespace mergetest {
+namespace {
+
+// Destroying a started instance while its Data thread reads: the queue leaves
+// the epoll set before it is drained, so every buffer goes back exactly once.
+TEST_F(MergeTest, DestroyWhileTheDataThreadReads) {
+    ASSERT_EQ(Reg(DamPara(), FesPara()), 0u);
+    ASSERT_EQ(ASOrchInit(hdl_), 0u);
+    ASSERT_EQ(ASOrchStart(hdl_), 0u);
+    ASSERT_EQ(ASOrchMergeBackPress(hdl_, AS_ORCH_MERGE_DAM), 0u);  // no reader while this thread writes
+    for (int i = 0; i < 3000; ++i) ASSERT_EQ(Put(AS_ORCH_MERGE_DAM, 100, 0, std::to_string(i)), 0u);
+    ASSERT_EQ(ASOrchMergeUnBackPress(hdl_, AS_ORCH_MERGE_DAM), 0u);
+    ASOrchDestroy(hdl_);
+    hdl_ = nullptr;
+    EXPECT_EQ(qovtest::AllocOutstanding(), 0);
+    EXPECT_LE(g_seen.size(), 3000u);
+}
+
+}  // namespace
+}  // namespace mergetest
