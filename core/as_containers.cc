@@ -6,9 +6,12 @@
 
 extern "C" {
 
-QOV_AS_API void ASListInit(ASList *head) { head->next = head; }
+QOV_AS_API void ASListInit(ASList *head) {
+    if (head != nullptr) head->next = head;
+}
 
 QOV_AS_API void ASListInsert(ASList *head, ASList *elem) {
+    if (head == nullptr || elem == nullptr) return;
     elem->next = head->next;
     head->next = elem;
 }

@@ -80,6 +80,11 @@ uint32_t QOV_Merge_Init(const char *name, MergeQueCtrlBlk *mque, const MergeQueC
 }
 
 QOV_AS_API MergeQueCtrlBlk *QOV_MergeQueCreate(const char *name, const MergeQueCreatePara *para) {
+    if (name == nullptr || para == nullptr) {
+        QOV_AUTOSYNC_QovLog(1, "[QOV_MERGE_QUE Create] para is null, name: %u, para: %u.", name == nullptr ? 1u : 0u,
+                            para == nullptr ? 1u : 0u);
+        return nullptr;
+    }
     if (QOV_MergeQueCreateCheck(name, para) != 0) return nullptr;
     if (QOV_MergeQueNameTreeFind(name) != nullptr) {
         QOV_AUTOSYNC_QovLog(1, "[QOV_MERGE_QUE Create] create Fail because find %s exist!", name);

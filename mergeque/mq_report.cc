@@ -49,6 +49,7 @@ QOV_AS_API uint32_t QOV_PrintMergeQueListAll(char *buf, uint32_t size) {
 }
 
 QOV_AS_API uint32_t QOV_PrintMergeQueInfo(const char *name, char *buf, uint32_t size) {
+    if (name == nullptr) return 0;
     const MergeQueCtrlBlk *mque = QOV_MergeQueNameTreeFind(name);
     if (mque == nullptr) return 0;
     uint32_t n = QOV_PrintMergeQueBaseInfo(mque, buf, size);

@@ -50,6 +50,15 @@ INSTANTIATE_TEST_SUITE_P(
         ParaCase{"no sched, no merge", [](auto &p) { p.schedFunc = nullptr; p.mergeFunc = nullptr; }, nullptr}),
     [](const auto &p) { return "Case" + std::to_string(p.index); });
 
+TEST_F(MqTest, NullNameOrParametersAreRefused) {
+    EXPECT_EQ(QOV_MergeQueCreate(nullptr, &para_), nullptr);
+    EXPECT_EQ(QOV_MergeQueCreate("q", nullptr), nullptr);
+    EXPECT_TRUE(qovtest::HasLine("[QOV_MERGE_QUE Create] para is null, name: 1, para: 0."));
+    EXPECT_TRUE(qovtest::HasLine("[QOV_MERGE_QUE Create] para is null, name: 0, para: 1."));
+    char buf[64];
+    EXPECT_EQ(QOV_PrintMergeQueInfo(nullptr, buf, sizeof buf), 0u);
+}
+
 TEST_F(MqTest, EpFdZeroPassesTheChecks) {
     para_.epFd = 0;
     EXPECT_EQ(QOV_MergeQueCreateCheck("zero", &para_), 0u);
