@@ -1,5 +1,6 @@
 // Release of a handle's merge records: dispatch tables, queues, the block.
 #include "merge/as_merge.h"
+#include "mergeque/mergeque_internal.h"
 
 namespace {
 
@@ -18,9 +19,11 @@ void FreeMergeRec(ASOrchHandle *hdl, ASOrchMergeRec *rec) {
     rec->dispatchHash = nullptr;
     if (rec->mergeQue != nullptr) {
         // Out of the Data thread's epoll set first (this waits for a reader
-        // dispatch still running there), so the drain below reads alone.
+        // dispatch still running there), so the drain below reads alone. The
+        // drain takes the entries straight out: no signal and no low-water
+        // check, so an overloaded queue releases no source while it goes.
         (void)QOV_MergeQueBackPress(rec->mergeQue, 0);
-        while (QOV_MergeQueReadCallBack(rec->mergeQue, AS_MERGE_READ_BATCH, DropQueuedMsg, nullptr) ==
+        while (QOV_MergeQueReadToCallBack(rec->mergeQue, AS_MERGE_READ_BATCH, DropQueuedMsg, nullptr) ==
                AS_MERGE_READ_BATCH) {
         }
         (void)QOV_MergeQueDestory(rec->mergeQue);

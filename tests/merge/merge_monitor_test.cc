@@ -13,6 +13,7 @@ constexpr char kAdvice[] = "orchM, mb mque high water. suggest config syncGrp sy
 struct Case {
     uint32_t isMb, path, threadMask;
     bool syncGrp;  // give the handle sync group kind 0 (id 2)
+    bool destroy;  // destroy the handle while over high water instead of reading
 };
 
 class MonitorTest : public mergetest::MergeTest, public ::testing::WithParamInterface<Case> {
@@ -63,13 +64,24 @@ TEST_P(MonitorTest, OverloadPressesSourceAndDrainReleasesIt) {
     ASSERT_EQ(Calls(press).size(), 1u);
     EXPECT_EQ(target(Calls(press)[0]), want);
     EXPECT_TRUE(Calls(release).empty());
+    if (c.destroy) {  // the entries left go with the handle, without a release
+        QovHostLogClear();
+        ASOrchDestroy(hdl_);
+        hdl_ = nullptr;
+        EXPECT_TRUE(Calls(release).empty());
+        EXPECT_EQ(qovtest::Logs().back(), "Orch auto sync free ok.");
+        EXPECT_FALSE(HasLine("Orch autosync MQUE monitor : 1, channelId " + std::to_string(c.path) + "."));
+        return;
+    }
     Drain();
     ASSERT_EQ(Calls(release).size(), 1u);
     EXPECT_EQ(target(Calls(release)[0]), want);
 }
 
 INSTANTIATE_TEST_SUITE_P(Roles, MonitorTest,
-                         ::testing::Values(Case{1, 0, 1, false}, Case{1, 1, 1, false}, Case{1, 0, 3, false},
-                                           Case{0, 0, 1, true}, Case{0, 1, 3, true}, Case{0, 0, 1, false}));
+                         ::testing::Values(Case{1, 0, 1, false, false}, Case{1, 1, 1, false, false},
+                                           Case{1, 0, 3, false, false}, Case{0, 0, 1, true, false},
+                                           Case{0, 1, 3, true, false}, Case{0, 0, 1, false, false},
+                                           Case{1, 1, 3, false, true}, Case{0, 0, 1, true, true}));
 
 }  // namespace
