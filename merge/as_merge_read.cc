@@ -5,18 +5,22 @@
 namespace {
 
 // Reads one batch from a path's queue; the user word carries the path.
-uint32_t RecvMerge(MergeQueCtrlBlk *que, uint32_t path, const char *pathName) {
+uint32_t RecvMerge(MergeQueCtrlBlk *que, uint32_t path, const char *doneFmt) {
     uint64_t usrWord = path;
     uint32_t n = QOV_MergeQueReadCallBack(que, AS_MERGE_READ_BATCH, ASOrchReadMergeMsgCallBack, &usrWord);
-    QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "read %s merge msg count %u finished.", pathName, n);
+    QOV_AUTOSYNC_QovLog(AS_LOG_INFO, doneFmt, n);
     return 0;
 }
 
 }  // namespace
 
-uint32_t ORCH_AutoSyncRecvDamMerge(MergeQueCtrlBlk *que) { return RecvMerge(que, AS_MERGE_PATH_DAM, "DAM"); }
+uint32_t ORCH_AutoSyncRecvDamMerge(MergeQueCtrlBlk *que) {
+    return RecvMerge(que, AS_MERGE_PATH_DAM, "read DAM merge msg count %u finished.");
+}
 
-uint32_t ORCH_AutoSyncRecvFesMerge(MergeQueCtrlBlk *que) { return RecvMerge(que, AS_MERGE_PATH_FES, "FES"); }
+uint32_t ORCH_AutoSyncRecvFesMerge(MergeQueCtrlBlk *que) {
+    return RecvMerge(que, AS_MERGE_PATH_FES, "read FES merge msg count %u finished.");
+}
 
 uint32_t ASOrchReadMergeMsgCallBack(void *vec, uint32_t size, void *usrData) {
     auto mergeType = static_cast<uint32_t>(*static_cast<const uint64_t *>(usrData));
