@@ -32,7 +32,11 @@ ASOrchHandle *ASOrchMallocHandle(const char *name, const ASOrchCreatePara *para)
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Orch autosync Memory Alloc Fail", name);
         return nullptr;
     }
-    (void)memset_s(hdl, sizeof *hdl, 0, sizeof *hdl);
+    if (memset_s(hdl, sizeof *hdl, 0, sizeof *hdl) != 0) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Orch autosync Memory Alloc Fail", name);
+        para->memFree(hdl);
+        return nullptr;
+    }
     if (strcpy_s(hdl->name, sizeof hdl->name, name) != 0) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Orch autosync Name Excceeds", name);
         para->memFree(hdl);

@@ -1,5 +1,6 @@
 // The module registry: the names of all live handles of the process.
 #include <cstring>
+#include <new>
 
 #include "as_handle.h"
 #include "qov_utils_base.h"
@@ -31,7 +32,9 @@ uint32_t AutoSyncAddModule(const char *name, ASOrchMemAllocFunc memAlloc) {
     if (strnlen(name, AS_ORCH_NAME_LEN) >= AS_ORCH_NAME_LEN) return 1;
     auto *node = static_cast<AutoSyncNameNode *>(memAlloc(sizeof(AutoSyncNameNode)));
     if (node == nullptr) return 1;
-    (void)memset_s(node, sizeof *node, 0, sizeof *node);
+    // Zero-filled by value-initialisation: nothing here could fail and strand
+    // the node, which this operation could not give back.
+    node = ::new (static_cast<void *>(node)) AutoSyncNameNode{};
     return AutoSyncSetNameNode(node, name) == 0 ? 0 : 1;
 }
 
