@@ -9,11 +9,6 @@ uint32_t QueuePath(uint32_t mergeType) {
                                                                                  : AS_MERGE_PATH_DAM;
 }
 
-// Bytes of data worth copying: none when there is no data to read.
-uint64_t CopiedDataSize(const ASOrchMergeMsgVec *vec) {
-    return vec->data != nullptr ? vec->dataSize : 0;
-}
-
 }  // namespace
 
 extern "C" QOV_AS_API uint32_t ASOrchMsgMerge(ASOrchHandle *hdl, uint32_t mergeType, ASOrchMergeMsgVec *vec) {
@@ -56,24 +51,26 @@ uint32_t ASOrchWriteMsgMerge(ASOrchHandle *hdl, MergeQueCtrlBlk *que, const ASOr
     return 0;
 }
 
-// One buffer, key first and data right behind it. Sizes that cannot be
-// allocated in one u32 request are refused like a failed allocation. Without
-// data to copy, data is cleared so no handler sees a dangling caller pointer.
+// One buffer of keySize + dataSize bytes, key first and data right behind
+// it. Sizes that cannot be allocated in one u32 request are refused like a
+// failed allocation. Data is copied only when there is some (a non-zero size
+// and a pointer); otherwise data is cleared so no handler sees a dangling
+// caller pointer.
 uint32_t ASOrchMsgVecCopyAlloc(ASOrchHandle *hdl, const ASOrchMergeMsgVec *src, ASOrchMergeMsgVec *dst) {
-    uint64_t dataSize = CopiedDataSize(src);
     void *buf = nullptr;
-    if (src->keySize <= UINT32_MAX && dataSize <= UINT32_MAX - src->keySize)
-        buf = hdl->memAlloc(static_cast<uint32_t>(src->keySize + dataSize));
+    if (src->keySize <= UINT32_MAX && src->dataSize <= UINT32_MAX - src->keySize)
+        buf = hdl->memAlloc(static_cast<uint32_t>(src->keySize + src->dataSize));
     if (buf == nullptr) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Orch auto sync merge msg failed. malloc fail", hdl->name);
         return 1;
     }
-    size_t total = static_cast<size_t>(src->keySize + dataSize);
+    size_t total = static_cast<size_t>(src->keySize + src->dataSize);
+    bool hasData = src->dataSize != 0 && src->data != nullptr;
     auto *bytes = static_cast<uint8_t *>(buf);
     dst->key = bytes;
-    dst->data = dataSize != 0 ? bytes + src->keySize : nullptr;
+    dst->data = hasData ? bytes + src->keySize : nullptr;
     if (memcpy_s(bytes, total, src->key, src->keySize) != 0 ||
-        (dataSize != 0 && memcpy_s(dst->data, total - src->keySize, src->data, dataSize) != 0)) {
+        (hasData && memcpy_s(dst->data, total - src->keySize, src->data, src->dataSize) != 0)) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Orch auto sync merge msg failed. copy fail", hdl->name);
         hdl->memFree(buf);
         dst->key = nullptr;

@@ -118,15 +118,18 @@ TEST_F(MergeTest, DirectDispatchWithoutTableFailsCleanly) {
 // Sizes that cannot become one u32 allocation are refused before memAlloc.
 TEST_F(FlowTest, RefusalsDataClearingAndBackPress) {
     uint8_t b[8] = {};
-    const uint64_t sizes[][2] = {{0, 0}, {1ull << 32, 0}, {0xFFFFFFF0ull, 0x20}, {8, UINT64_MAX - 4}};
+    // Key size, data size, data: the buffer is sized by dataSize even when
+    // there is no data to copy into it.
+    const struct { uint64_t key, data; uint8_t *ptr; } sizes[] = {
+        {0, 0, b}, {1ull << 32, 0, b}, {0xFFFFFFF0ull, 0x20, b}, {8, UINT64_MAX - 4, b}, {8, 1ull << 32, nullptr}};
     uint64_t allocs = qovtest::AllocCount();
     for (const auto &s : sizes) {
-        ASOrchMergeMsgVec v{100, 0, b, s[0], b, s[1], 0, nullptr};
+        ASOrchMergeMsgVec v{100, 0, b, s.key, s.ptr, s.data, 0, nullptr};
         EXPECT_EQ(ASOrchMsgMerge(hdl_, 0, &v), 1u);
     }
     EXPECT_EQ(qovtest::AllocCount(), allocs);
     EXPECT_TRUE(HasLine("orchM, Orch auto sync merge msg failed. key size is 0"));
-    EXPECT_EQ(qovtest::CountLine("orchM, Orch auto sync merge msg failed. malloc fail"), 3u);
+    EXPECT_EQ(qovtest::CountLine("orchM, Orch auto sync merge msg failed. malloc fail"), 4u);
     ASOrchMergeMsgVec noData = mergetest::Vec(100, 0, "kk", "zz");
     noData.dataSize = 0;  // data still points at the caller's bytes
     ASSERT_EQ(ASOrchMsgMerge(hdl_, 0, &noData), 0u);
