@@ -28,6 +28,17 @@ inline void Journal(const char *op, std::initializer_list<uint64_t> args, const 
 
 inline bool Fail(const char *op, int64_t *result) { return QovHostFaultHit(op, result) != 0; }
 
+// The preamble of a journaled operation: journals the call, and answers true
+// with *ret set when the operation is to fail now.
+template <class R>
+bool Enter(const char *op, std::initializer_list<uint64_t> args, R *ret) {
+    Journal(op, args);
+    int64_t r = 0;
+    if (!Fail(op, &r)) return false;
+    *ret = static_cast<R>(r);
+    return true;
+}
+
 }  // namespace qovhost
 
 #endif

@@ -8,16 +8,9 @@
 using qovhost::EalInstance;
 using qovhost::LiveEal;
 
-namespace {
+using qovhost::Enter;
 
-// Journals and applies a failure on demand; true when the call is to fail.
-bool Enter(const char *op, std::initializer_list<uint64_t> args, uint32_t *ret) {
-    qovhost::Journal(op, args);
-    int64_t r = 0;
-    if (!qovhost::Fail(op, &r)) return false;
-    *ret = static_cast<uint32_t>(r);
-    return true;
-}
+namespace {
 
 qovhost::EalChannel *FindChan(void *chan) {
     // A channel handle is the address of a registered channel of a live instance.

@@ -93,9 +93,8 @@ QOV_PLAT_API void *QOV_EAL_Create(const char *name, const QOV_EAL_CreatePara *pa
 }
 
 QOV_PLAT_API uint32_t QOV_EAL_Init(void *eal) {
-    qovhost::Journal("QOV_EAL_Init", {qovhost::U(eal)});
-    int64_t r = 0;
-    if (qovhost::Fail("QOV_EAL_Init", &r)) return static_cast<uint32_t>(r);
+    uint32_t ret = 0;
+    if (qovhost::Enter("QOV_EAL_Init", {qovhost::U(eal)}, &ret)) return ret;
     EalInstance *e = LiveEal(eal);
     if (e == nullptr) return 1;
     e->inited = true;
@@ -103,9 +102,8 @@ QOV_PLAT_API uint32_t QOV_EAL_Init(void *eal) {
 }
 
 QOV_PLAT_API uint32_t QOV_EAL_Start(void *eal) {
-    qovhost::Journal("QOV_EAL_Start", {qovhost::U(eal)});
-    int64_t r = 0;
-    if (qovhost::Fail("QOV_EAL_Start", &r)) return static_cast<uint32_t>(r);
+    uint32_t ret = 0;
+    if (qovhost::Enter("QOV_EAL_Start", {qovhost::U(eal)}, &ret)) return ret;
     EalInstance *e = LiveEal(eal);
     if (e == nullptr || !e->inited || e->started) return 1;
     uint32_t mask = e->threadMask | (1u << QOV_EAL_THREAD_DATA);
@@ -118,9 +116,8 @@ QOV_PLAT_API uint32_t QOV_EAL_Start(void *eal) {
 }
 
 QOV_PLAT_API uint32_t QOV_EAL_SetOndemandParam(void *eal, uint64_t value) {
-    qovhost::Journal("QOV_EAL_SetOndemandParam", {qovhost::U(eal), value});
-    int64_t r = 0;
-    if (qovhost::Fail("QOV_EAL_SetOndemandParam", &r)) return static_cast<uint32_t>(r);
+    uint32_t ret = 0;
+    if (qovhost::Enter("QOV_EAL_SetOndemandParam", {qovhost::U(eal), value}, &ret)) return ret;
     EalInstance *e = LiveEal(eal);
     if (e == nullptr) return 1;
     e->ondemand = value;
@@ -128,9 +125,8 @@ QOV_PLAT_API uint32_t QOV_EAL_SetOndemandParam(void *eal, uint64_t value) {
 }
 
 QOV_PLAT_API uint32_t QOV_EAL_ModInitOk(void *eal) {
-    qovhost::Journal("QOV_EAL_ModInitOk", {qovhost::U(eal)});
-    int64_t r = 0;
-    if (qovhost::Fail("QOV_EAL_ModInitOk", &r)) return static_cast<uint32_t>(r);
+    uint32_t ret = 0;
+    if (qovhost::Enter("QOV_EAL_ModInitOk", {qovhost::U(eal)}, &ret)) return ret;
     EalInstance *e = LiveEal(eal);
     if (e == nullptr) return 1;
     e->modInitOk = true;
@@ -138,9 +134,8 @@ QOV_PLAT_API uint32_t QOV_EAL_ModInitOk(void *eal) {
 }
 
 QOV_PLAT_API int32_t QOV_EAL_GetEpollFd(void *eal, uint32_t epollIdx) {
-    qovhost::Journal("QOV_EAL_GetEpollFd", {qovhost::U(eal), epollIdx});
-    int64_t r = 0;
-    if (qovhost::Fail("QOV_EAL_GetEpollFd", &r)) return static_cast<int32_t>(r);
+    int32_t ret = 0;
+    if (qovhost::Enter("QOV_EAL_GetEpollFd", {qovhost::U(eal), epollIdx}, &ret)) return ret;
     EalInstance *e = LiveEal(eal);
     if (e == nullptr || epollIdx >= QOV_EAL_THREAD_KIND_NUM) return -1;
     return e->epFd[epollIdx];
@@ -182,16 +177,14 @@ QOV_PLAT_API uint32_t QOV_EAL_RegThread(void *eal, const QOV_EAL_ThreadPara *thr
 }
 
 QOV_PLAT_API uint32_t QOV_EAL_RegModStateRsp(void *eal, uint64_t modStateRsp, uint32_t modStateRspArg) {
-    qovhost::Journal("QOV_EAL_RegModStateRsp", {qovhost::U(eal), modStateRsp, modStateRspArg});
-    int64_t r = 0;
-    if (qovhost::Fail("QOV_EAL_RegModStateRsp", &r)) return static_cast<uint32_t>(r);
+    uint32_t ret = 0;
+    if (qovhost::Enter("QOV_EAL_RegModStateRsp", {qovhost::U(eal), modStateRsp, modStateRspArg}, &ret)) return ret;
     return LiveEal(eal) != nullptr ? 0 : 1;
 }
 
 QOV_PLAT_API uint32_t QOV_EAL_ReservePort(void *eal, uint32_t para0, uint32_t para1) {
-    qovhost::Journal("QOV_EAL_ReservePort", {qovhost::U(eal), para0, para1});
-    int64_t r = 0;
-    if (qovhost::Fail("QOV_EAL_ReservePort", &r)) return static_cast<uint32_t>(r);
+    uint32_t ret = 0;
+    if (qovhost::Enter("QOV_EAL_ReservePort", {qovhost::U(eal), para0, para1}, &ret)) return ret;
     return LiveEal(eal) != nullptr ? 0 : 1;
 }
 

@@ -142,20 +142,17 @@ extern "C" {
 
 QOV_PLAT_API uint32_t QOV_EPOLL_Add(int32_t epFd, int32_t fd, uint32_t events, QOV_EPOLL_CALLBACK callback,
                                     void *usrData) {
-    qovhost::Journal("QOV_EPOLL_Add",
-                     {static_cast<uint64_t>(epFd), static_cast<uint64_t>(fd), events, qovhost::U(
-                         reinterpret_cast<void *>(callback)), qovhost::U(usrData)});
-    int64_t r = 0;
-    if (qovhost::Fail("QOV_EPOLL_Add", &r)) return static_cast<uint32_t>(r);
+    uint32_t ret = 0;
+    if (qovhost::Enter("QOV_EPOLL_Add", {static_cast<uint64_t>(epFd), static_cast<uint64_t>(fd), events, qovhost::U(
+                         reinterpret_cast<void *>(callback)), qovhost::U(usrData)}, &ret)) return ret;
     if (callback == nullptr) return 1;
     qovhost::Reg reg{epFd, fd, callback, usrData, nullptr, 0, false, 0, {}};
     return qovhost::Add(reg, events);
 }
 
 QOV_PLAT_API uint32_t QOV_EPOLL_DEL(int32_t epFd, int32_t fd) {
-    qovhost::Journal("QOV_EPOLL_DEL", {static_cast<uint64_t>(epFd), static_cast<uint64_t>(fd)});
-    int64_t r = 0;
-    if (qovhost::Fail("QOV_EPOLL_DEL", &r)) return static_cast<uint32_t>(r);
+    uint32_t ret = 0;
+    if (qovhost::Enter("QOV_EPOLL_DEL", {static_cast<uint64_t>(epFd), static_cast<uint64_t>(fd)}, &ret)) return ret;
     qovhost::Table &t = qovhost::T();
     std::unique_lock<std::mutex> lk(t.mu);
     auto it = t.byFd.find({epFd, fd});

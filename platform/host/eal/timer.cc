@@ -7,9 +7,8 @@
 
 extern "C" QOV_PLAT_API int32_t QOV_TIMER_Create(uint32_t timerWord, uint64_t timerVal0, uint64_t timerVal1,
                                                  int32_t epFd) {
-    qovhost::Journal("QOV_TIMER_Create", {timerWord, timerVal0, timerVal1, static_cast<uint64_t>(epFd)});
-    int64_t r = 0;
-    if (qovhost::Fail("QOV_TIMER_Create", &r)) return static_cast<int32_t>(r);
+    int32_t ret = 0;
+    if (qovhost::Enter("QOV_TIMER_Create", {timerWord, timerVal0, timerVal1, static_cast<uint64_t>(epFd)}, &ret)) return ret;
     if (timerWord == 0 || epFd < 0) return -1;
     int fd = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
     if (fd < 0) return -1;
