@@ -36,6 +36,11 @@ struct ASOrchMergeDispatchNode {
     ASOrchMergeMsgDispatch entry;
 };
 
+// Bucket count of a path's queue: the sub-record's, or the default when 0.
+inline uint32_t ASOrchMergeHashSize(const ASOrchMergePara *para) {
+    return para->hashSize != 0 ? para->hashSize : AS_MERGE_DEF_HASH_SIZE;
+}
+
 inline ASOrchMergeRec *ASOrchMergeRecs(const ASOrchHandle *hdl) {
     return static_cast<ASOrchMergeRec *>(hdl->mergeHandle);
 }

@@ -14,7 +14,7 @@ MergeQueCtrlBlk *ASOrchCreatMergeQueue(ASOrchHandle *hdl, const char *name, int3
         .freeFunc = hdl->memFree,
         .memPtNo = hdl->memPtNo,
         .dataSize = sizeof(ASOrchMergeMsgVec),
-        .hashSize = para->hashSize != 0 ? para->hashSize : AS_MERGE_DEF_HASH_SIZE,
+        .hashSize = ASOrchMergeHashSize(para),
         .hashFunc = para->hashFunc,
         .cmpFunc = ASOrchPubCmpFunc,
         .epFd = epFd,

@@ -61,6 +61,6 @@ uint32_t ASOrchInitMergeHandle(ASOrchMergeRec *rec, const ASOrchMergePara *para,
         return 1;
     }
     rec->epFd = QOV_EAL_GetEpollFd(hdl->ealHdl, QOV_EAL_THREAD_DATA);
-    rec->hashSize = para->hashSize != 0 ? para->hashSize : AS_MERGE_DEF_HASH_SIZE;
+    rec->hashSize = ASOrchMergeHashSize(para);
     return 0;
 }

@@ -143,8 +143,12 @@ extern "C" {
 QOV_PLAT_API uint32_t QOV_EPOLL_Add(int32_t epFd, int32_t fd, uint32_t events, QOV_EPOLL_CALLBACK callback,
                                     void *usrData) {
     uint32_t ret = 0;
-    if (qovhost::Enter("QOV_EPOLL_Add", {static_cast<uint64_t>(epFd), static_cast<uint64_t>(fd), events, qovhost::U(
-                         reinterpret_cast<void *>(callback)), qovhost::U(usrData)}, &ret)) return ret;
+    const void *cb = reinterpret_cast<const void *>(callback);
+    if (qovhost::Enter("QOV_EPOLL_Add",
+                       {static_cast<uint64_t>(epFd), static_cast<uint64_t>(fd), events, qovhost::U(cb), qovhost::U(usrData)},
+                       &ret)) {
+        return ret;
+    }
     if (callback == nullptr) return 1;
     qovhost::Reg reg{epFd, fd, callback, usrData, nullptr, 0, false, 0, {}};
     return qovhost::Add(reg, events);
