@@ -135,15 +135,4 @@ INSTANTIATE_TEST_SUITE_P(Sizes, Combine,
                                            CombineCase{"abcdefgh", "", 8, 1, ""},
                                            CombineCase{"", "abcdefg", 8, 0, "abcdefg"}));
 
-TEST(RingList, InsertGoesToTheFront) {
-    ASList head, a, b;
-    ASListInit(&head);
-    EXPECT_EQ(head.next, &head);
-    ASListInsert(&head, &a);
-    ASListInsert(&head, &b);
-    EXPECT_EQ(head.next, &b);
-    EXPECT_EQ(b.next, &a);
-    EXPECT_EQ(a.next, &head);
-}
-
 }  // namespace
