@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "merge/as_merge.h"
+#include "merge/merge_internal.h"
 #include "qov_host_ctl.h"
 
 namespace {

@@ -125,20 +125,4 @@ QOV_AS_API ASOrchHandle *ASOrchCreate(const char *name, const ASOrchCreatePara *
     return hdl;
 }
 
-QOV_AS_API void ASOrchDestroy(ASOrchHandle *hdl) {
-    if (hdl == nullptr || hdl->memFree == nullptr) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "Destroy Orch autosync Fail, handle or free func is NULL");
-        return;
-    }
-    QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "%s, Orch auto sync free begin.", hdl->name);
-    ASOrchFreeGrpRes(hdl);
-    ASOrchFreeTblMsg(hdl);
-    ASOrchFreeMergeHandle(hdl);
-    AutoSyncDelModule(hdl->name, hdl->memFree);
-    if (hdl->ealHdl != nullptr) QOV_EAL_Destroy(hdl->ealHdl);
-    ASOrchMemFreeFunc memFree = hdl->memFree;
-    memFree(hdl);
-    QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "Orch auto sync free ok.");
-}
-
 }  // extern "C"

@@ -1,5 +1,6 @@
-// The Orch autosync handle and the internal operations of the core that other
-// subsystems call.
+// Ground floor of the library: the Orch autosync handle with typed pointers to
+// each subsystem's state, the module registry, the log levels and the steps of
+// creation. It includes no subsystem; subsystems include it.
 #ifndef QOV_AS_CORE_HANDLE_H
 #define QOV_AS_CORE_HANDLE_H
 
@@ -16,6 +17,10 @@ struct ASOrchAdvSynGrp {
     ASOrchSyncGrpFlowCtl flowCtrl;
 };
 
+// Each subsystem's state, defined in its own folder.
+struct ASOrchSyncGrpRes;
+struct ASOrchMergeRec;
+
 struct ASOrchHandle {
     char name[AS_ORCH_NAME_LEN];
     uint32_t ealCreateWord0;
@@ -24,8 +29,8 @@ struct ASOrchHandle {
     ASOrchMemAllocFunc memAlloc;
     ASOrchMemFreeFunc memFree;  // non-null marks a live handle
     void *ealHdl;
-    void *syncGrpRes;
-    void *mergeHandle;          // two merge records: [0] DAM, [1] FES
+    ASOrchSyncGrpRes *syncGrpRes;
+    ASOrchMergeRec *mergeHandle;  // two merge records: [0] DAM, [1] FES
     uint32_t threadMask;
     ASIntHash *recvTblMsgHash;
     ASIntHash *transTblMsgHash;
@@ -56,12 +61,6 @@ static_assert(sizeof(ASOrchHandle) == 392);
 // Log levels: 0 progress and success, 1 failure.
 constexpr uint32_t AS_LOG_INFO = 0;
 constexpr uint32_t AS_LOG_ERR = 1;
-
-// Release operations that ASOrchDestroy calls; each does nothing when its
-// field is null and clears the field after releasing.
-void ASOrchFreeGrpRes(ASOrchHandle *hdl);
-void ASOrchFreeTblMsg(ASOrchHandle *hdl);
-void ASOrchFreeMergeHandle(ASOrchHandle *hdl);
 
 // Module registry (process-wide, unprotected: callers serialise).
 uint32_t AutoSyncNameExisted(const char *name);

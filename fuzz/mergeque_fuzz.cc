@@ -11,7 +11,7 @@
 #include <cstring>
 #include <list>
 
-#include "mergeque/mergeque_internal.h"
+#include "mergeque/mq_private.h"
 #include "qov_host_ctl.h"
 
 namespace {

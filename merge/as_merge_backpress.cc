@@ -1,5 +1,5 @@
 // The reader handle of a path's queue, and stopping and resuming its reading.
-#include "merge/as_merge.h"
+#include "merge/merge_internal.h"
 
 extern "C" {
 

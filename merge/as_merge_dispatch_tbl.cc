@@ -1,7 +1,7 @@
 // A path's dispatch table: copies of the caller's dispatch entries in an
 // integer hash keyed by msgId. Nodes and the table block come from the
 // handle's memAlloc and go back to its memFree.
-#include "merge/as_merge.h"
+#include "merge/merge_internal.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // Release of a handle's merge records: dispatch tables, queues, the block.
-#include "merge/as_merge.h"
+#include "merge/merge_internal.h"
 #include "mergeque/mergeque_internal.h"
 
 namespace {
@@ -23,9 +23,7 @@ void FreeMergeRec(ASOrchHandle *hdl, ASOrchMergeRec *rec) {
         // drain takes the entries straight out: no signal and no low-water
         // check, so an overloaded queue releases no source while it goes.
         (void)QOV_MergeQueBackPress(rec->mergeQue, 0);
-        while (QOV_MergeQueReadToCallBack(rec->mergeQue, AS_MERGE_READ_BATCH, DropQueuedMsg, nullptr) ==
-               AS_MERGE_READ_BATCH) {
-        }
+        (void)QOV_MergeQueDrain(rec->mergeQue, DropQueuedMsg, nullptr);
         (void)QOV_MergeQueDestory(rec->mergeQue);
     }
     rec->mergeQue = nullptr;

@@ -1,7 +1,7 @@
 // Bucket computation offered to the orchestrator's merge-queue hash function.
 #include <cstring>
 
-#include "merge/as_merge.h"
+#include "merge/merge_internal.h"
 
 namespace {
 

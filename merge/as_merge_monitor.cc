@@ -1,9 +1,9 @@
 // High/low-water monitor of the merge queues: over high water the source of
 // the path is throttled (the broker's data channel in the MB role, sync group
 // kind 0 otherwise); back under low water it is released.
-#include "merge/as_merge.h"
+#include "merge/merge_internal.h"
 #include "qov_utils_eal.h"
-#include "syncgrp/as_syncgrp.h"
+#include "syncgrp/syncgrp_internal.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // Creation of a path's merge queue on the Data thread's epoll loop.
-#include "merge/as_merge.h"
+#include "merge/merge_internal.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // Read side: the queues' reader functions and the dispatch of each merged
 // message to the handler registered for its msgId and opType.
-#include "merge/as_merge.h"
+#include "merge/merge_internal.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // Step "MergeMQue" of the base registration: the merge record, dispatch table,
 // queue and monitor of each configured path.
-#include "merge/as_merge.h"
+#include "merge/merge_internal.h"
 #include "qov_utils_eal.h"
 
 namespace {
@@ -37,7 +37,7 @@ ASOrchMergeRec *ASOrchAllocMergeHandle(ASOrchHandle *hdl) {
         hdl->memFree(block);
         return nullptr;
     }
-    hdl->mergeHandle = block;
+    hdl->mergeHandle = static_cast<ASOrchMergeRec *>(block);
     return ASOrchMergeRecs(hdl);
 }
 

@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <cstring>
 
-#include "merge/as_merge.h"
+#include "merge/merge_internal.h"
 
 static_assert(sizeof(ASOrchMergeMsgVec) == 56);
 static_assert(offsetof(ASOrchMergeMsgVec, key) == 8);

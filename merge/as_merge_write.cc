@@ -1,6 +1,6 @@
 // Write side: messages into the path's merge queue (merge types 0..3) or
 // straight to the path's handlers (4 and above).
-#include "merge/as_merge.h"
+#include "merge/merge_internal.h"
 
 namespace {
 

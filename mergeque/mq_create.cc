@@ -1,7 +1,7 @@
 // Creation and destruction of merge queues, and the queue's hash table.
 #include <unistd.h>
 
-#include "mergeque/mergeque_internal.h"
+#include "mergeque/mq_private.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // The process-wide tree of queue names and its two mutexes.
 #include <cstring>
 
-#include "mergeque/mergeque_internal.h"
+#include "mergeque/mq_private.h"
 
 extern "C" {
 

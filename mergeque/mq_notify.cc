@@ -4,7 +4,7 @@
 
 #include <cerrno>
 
-#include "mergeque/mergeque_internal.h"
+#include "mergeque/mq_private.h"
 #include "qov_utils_eal.h"
 
 namespace {

@@ -1,6 +1,7 @@
 // Reading from a merge queue, from the head of the read-order list: copied out
 // into the caller's buffer, or handed record by record to a callback.
 #include "mergeque/mergeque_internal.h"
+#include "mergeque/mq_private.h"
 
 namespace {
 
@@ -73,3 +74,7 @@ uint32_t QOV_MergeQueReadToCallBack(MergeQueCtrlBlk *mque, uint32_t maxCount, Me
 }
 
 }  // extern "C"
+
+uint32_t QOV_MergeQueDrain(MergeQueCtrlBlk *mque, MergeQueReadFunc func, void *usrData) {
+    return QOV_MergeQueReadToCallBack(mque, UINT32_MAX, func, usrData);
+}

@@ -3,7 +3,7 @@
 // of the caller's buffer; a piece that does not fit is left out.
 #include <cstdarg>
 
-#include "mergeque/mergeque_internal.h"
+#include "mergeque/mq_private.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include <ctime>
 
-#include "mergeque/mergeque_internal.h"
+#include "mergeque/mq_private.h"
 
 namespace {
 

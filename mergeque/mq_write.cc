@@ -2,7 +2,7 @@
 // queued entry, any other record becomes a new entry at the tail.
 #include <sys/eventfd.h>
 
-#include "mergeque/mergeque_internal.h"
+#include "mergeque/mq_private.h"
 
 namespace {
 

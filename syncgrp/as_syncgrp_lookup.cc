@@ -1,5 +1,5 @@
 // Lookups of the handle's sync-group resource.
-#include "syncgrp/as_syncgrp.h"
+#include "syncgrp/syncgrp_internal.h"
 
 namespace {
 constexpr char kNoName[] = "UNKONWN";  // stands for the name of a null handle
@@ -14,7 +14,7 @@ ASOrchSyncGrpRes *ASOrchGroupGetRes(ASOrchHandle *hdl) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Orch autosync msg Fail, syncGrpRes is Null", hdl->name);
         return nullptr;
     }
-    return static_cast<ASOrchSyncGrpRes *>(hdl->syncGrpRes);
+    return hdl->syncGrpRes;
 }
 
 uint32_t ASOrchGetSyncGrpId(ASOrchHandle *hdl, uint32_t kind) {

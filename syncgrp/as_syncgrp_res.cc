@@ -1,5 +1,5 @@
 // The sync-group resource of a handle.
-#include "core/as_handle.h"
+#include "syncgrp/syncgrp_internal.h"
 
 void ASOrchFreeGrpRes(ASOrchHandle *hdl) {
     if (hdl->syncGrpRes == nullptr) return;

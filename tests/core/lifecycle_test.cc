@@ -340,7 +340,7 @@ TEST_F(Live, StartedInstanceRunsTheDataLoopUntilDestroyed) {
 }
 
 TEST_F(Live, DestroyReleasesTheSyncGroupResource) {
-    hdl_->syncGrpRes = hdl_->memAlloc(24);
+    hdl_->syncGrpRes = static_cast<ASOrchSyncGrpRes *>(hdl_->memAlloc(24));
     ASSERT_NE(hdl_->syncGrpRes, nullptr);
     ASOrchDestroy(hdl_);
     hdl_ = nullptr;

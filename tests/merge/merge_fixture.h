@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "merge/as_merge.h"
+#include "merge/merge_internal.h"
 #include "support/test_env.h"
 
 namespace mergetest {

@@ -1,7 +1,7 @@
 // High/low-water monitor: which source is pressed and then released, by role.
 #include "merge_fixture.h"
 #include "qov_utils_eal.h"
-#include "syncgrp/as_syncgrp.h"
+#include "syncgrp/syncgrp_internal.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 
 #include <vector>
 
-#include "mergeque/mergeque_internal.h"
+#include "mergeque/mq_private.h"
 #include "support/test_env.h"
 
 namespace mqtest {

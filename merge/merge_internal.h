@@ -41,9 +41,7 @@ inline uint32_t ASOrchMergeHashSize(const ASOrchMergePara *para) {
     return para->hashSize != 0 ? para->hashSize : AS_MERGE_DEF_HASH_SIZE;
 }
 
-inline ASOrchMergeRec *ASOrchMergeRecs(const ASOrchHandle *hdl) {
-    return static_cast<ASOrchMergeRec *>(hdl->mergeHandle);
-}
+inline ASOrchMergeRec *ASOrchMergeRecs(const ASOrchHandle *hdl) { return hdl->mergeHandle; }
 
 // Rules and keys.
 uint32_t ASOrchGetMergeRule(uint32_t storedOp, uint32_t incomingOp, uint32_t *mergedOp);
@@ -52,8 +50,11 @@ void ASOrchPubMergeNotify(void *incoming, void *stored);
 uint32_t ASOrchPubCmpFunc(const void *a, const void *b);
 const void *ASOrchPubGetKeyPtr(const void *vec);
 
-// Registration and release.
+// Registration and release: the "MergeMQue" step of base registration, and
+// the release that ASOrchDestroy calls (nothing when mergeHandle is null; the
+// field is cleared after).
 uint32_t ASOrchRegMerge(ASOrchHandle *hdl, const ASOrchBasePara *para);
+void ASOrchFreeMergeHandle(ASOrchHandle *hdl);
 uint32_t ASOrchMergeIsValid(const ASOrchMergePara *para);
 ASOrchMergeRec *ASOrchCreatMergeHandle(ASOrchHandle *hdl, const ASOrchMergePara *para, uint32_t mergeType);
 ASOrchMergeRec *ASOrchAllocMergeHandle(ASOrchHandle *hdl);

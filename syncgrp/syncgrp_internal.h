@@ -17,6 +17,8 @@ struct ASOrchSyncGrpRes {
 };
 static_assert(sizeof(ASOrchSyncGrpRes) == 24);
 
+// Release of the handle's resource (nothing when null; the field is cleared).
+void ASOrchFreeGrpRes(ASOrchHandle *hdl);
 // The handle's resource, or null (logged).
 ASOrchSyncGrpRes *ASOrchGroupGetRes(ASOrchHandle *hdl);
 // The EAL id of a kind's group, or AS_SYNC_GRP_ID_NONE.

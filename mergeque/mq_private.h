@@ -1,0 +1,192 @@
+// The merge queue's control block, entries and process-wide state, and every
+// internal operation of the queue; only mergeque/ and its tests include this.
+#ifndef QOV_MERGEQUE_PRIVATE_H
+#define QOV_MERGEQUE_PRIVATE_H
+
+#include <pthread.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "qov_mergeque.h"
+#include "qov_utils_base.h"
+
+struct MergeQueEntry;
+
+// Links of the circular read-order list; the list head is one of these too.
+struct MergeQueLink {
+    MergeQueLink *next;
+    MergeQueLink *prev;
+};
+
+// A statistic slot: a count and a packed time stamp (0 for never).
+struct MergeQueStatSlot {
+    uint32_t cnt;
+    uint64_t stamp;
+};
+
+enum MergeQueStatId : uint32_t {
+    MQ_STAT_MAX_CONFLICT = 0,
+    MQ_STAT_HISTORY_MAX_CNT = 1,
+    MQ_STAT_OVER_HIGH_WATER = 2,
+    MQ_STAT_UNDER_LOW_WATER = 3,
+};
+
+enum MergeQueReaderStatId : uint32_t {
+    MQ_RSTAT_SUCCESS_MERGE = 0,
+    MQ_RSTAT_FAIL_MERGE = 1,
+    MQ_RSTAT_SUCCESS_WRITE = 2,
+    MQ_RSTAT_SUCCESS_READ = 3,
+    MQ_RSTAT_FAIL_WRITE = 4,
+    MQ_RSTAT_FAIL_READ = 5,
+    MQ_RSTAT_EMPTY_READ = 6,
+    MQ_RSTAT_WRITE_NOTIFY_ERR = 7,
+    MQ_RSTAT_READ_NOTIFY_ERR = 8,
+    MQ_RSTAT_BACK_PRESS = 9,
+    MQ_RSTAT_UNBACK_PRESS = 10,
+};
+
+struct MergeQueReader {
+    MergeQueLink list;  // head of the read-order list
+    uint32_t itemCnt;
+    MergeQueStatSlot stat[MERGE_QUE_READER_STAT_NUM];
+    int32_t eventFd;    // -1 while none has been made
+    uint32_t epollReg;  // 1 while eventFd is in the epoll set
+    uint64_t backPressCtx;
+};
+
+struct MergeQueMonitor {
+    uint32_t highWater;
+    uint32_t lowWater;
+    MergeQueFlowCtrlNotify flowCtrlNotify;
+    uint64_t usrData;
+    uint32_t overLoad;
+};
+
+struct MergeQueCtrlBlk {
+    YAV_AVL3_NODE nameNode;  // first member: the block hangs in the name tree by it
+    char name[MERGE_QUE_NAME_LEN];
+    MergeQueCreatePara para;
+    LITE_HASH_S *hash;
+    MergeQueReader reader;
+    MergeQueStatSlot stat[MERGE_QUE_STAT_NUM];
+    MergeQueMonitor monitor;
+};
+static_assert(offsetof(MergeQueCtrlBlk, nameNode) == 0);
+
+// An element of the queue's hash table: three words of header, then the record.
+struct MergeQueEntry {
+    MergeQueCtrlBlk *owner;
+    MergeQueLink link;
+};
+static_assert(sizeof(MergeQueEntry) == 3 * sizeof(void *));
+static_assert(offsetof(MergeQueEntry, link) == sizeof(void *));
+
+inline uint8_t *MqEntryData(MergeQueEntry *e) { return reinterpret_cast<uint8_t *>(e + 1); }
+
+// Copies one record. Entries and the caller's records are dataSize bytes by
+// the queue's contract, so the bound is the record size itself; the copy is
+// inline because it sits on every write, merge and copy-out read. A record
+// copied onto itself (a merge function that stored in place) is left alone.
+inline void MqCopyRecord(void *dst, const void *src, uint32_t dataSize) {
+    if (dst != src) __builtin_memcpy(dst, src, dataSize);
+}
+
+inline MergeQueEntry *MqEntryOfLink(MergeQueLink *l) {
+    return reinterpret_cast<MergeQueEntry *>(reinterpret_cast<uint8_t *>(l) - offsetof(MergeQueEntry, link));
+}
+
+struct MergeQueGlbCb {
+    YAV_AVL3_TREE nameTree;
+    YAV_AVL3_TREE_INFO treeInfo;
+    uint32_t initFlag;
+    pthread_mutex_t glbInitMutex;
+    pthread_mutex_t nameTreeMutex;
+};
+
+// Layouts shared with callers.
+static_assert(sizeof(MergeQueCreatePara) == 80);
+static_assert(offsetof(MergeQueCreatePara, mallocFunc) == 0);
+static_assert(offsetof(MergeQueCreatePara, freeFunc) == 8);
+static_assert(offsetof(MergeQueCreatePara, memPtNo) == 16);
+static_assert(offsetof(MergeQueCreatePara, dataSize) == 20);
+static_assert(offsetof(MergeQueCreatePara, hashSize) == 24);
+static_assert(offsetof(MergeQueCreatePara, hashFunc) == 32);
+static_assert(offsetof(MergeQueCreatePara, cmpFunc) == 40);
+static_assert(offsetof(MergeQueCreatePara, epFd) == 48);
+static_assert(offsetof(MergeQueCreatePara, getKeyPtr) == 56);
+static_assert(offsetof(MergeQueCreatePara, schedFunc) == 64);
+static_assert(offsetof(MergeQueCreatePara, mergeFunc) == 72);
+static_assert(sizeof(MergeQueMonitorAttr) == 24);
+static_assert(offsetof(MergeQueMonitorAttr, highWater) == 0);
+static_assert(offsetof(MergeQueMonitorAttr, lowWater) == 4);
+static_assert(offsetof(MergeQueMonitorAttr, usrData) == 8);
+static_assert(offsetof(MergeQueMonitorAttr, flowCtrlNotify) == 16);
+static_assert(sizeof(MergeQueStatDesc) == 24);
+static_assert(offsetof(MergeQueStatDesc, id) == 0);
+static_assert(offsetof(MergeQueStatDesc, text) == 8);
+static_assert(offsetof(MergeQueStatDesc, stampFlag) == 16);
+
+extern "C" {
+
+// Core and name tree.
+uint32_t QOV_MergeQueCreateCheck(const char *name, const MergeQueCreatePara *para);
+uint32_t QOV_MergeQueGlbInit(const char *name);
+uint32_t QOV_Merge_Init(const char *name, MergeQueCtrlBlk *mque, const MergeQueCreatePara *para);
+void QOV_MergeQueNameTreeInit(void);
+MergeQueCtrlBlk *QOV_MergeQueNameTreeFind(const char *name);
+uint32_t QOV_MergeQueNameTreeInsert(MergeQueCtrlBlk *mque);
+uint32_t QOV_MergeQueNameTreeDelete(const char *name);
+int QOV_MergeQueStrCompare(const void *name1, const void *name2);
+uint32_t QOV_MergeQueHashCreate(MergeQueCtrlBlk *mque);
+void QOV_MergeQueHashDelete(MergeQueCtrlBlk *mque);
+uint32_t QOV_MergeQueHashCmpFunc(const void *element, const void *key);
+uint32_t QOV_MergeQueReaderInit(MergeQueCtrlBlk *mque);
+
+// Notification and flow control.
+uint32_t QOV_MergeQueEpollReg(MergeQueCtrlBlk *mque);
+void QOV_MergeQueEpollUnReg(MergeQueCtrlBlk *mque);
+uint32_t QOV_MergeQueSchedProc(int32_t fd, uint32_t events, void *usrData);
+void QOV_MergeQueNotifyByRead(MergeQueCtrlBlk *mque);
+uint32_t QOV_MergeQueMonitorCheck(const MergeQueCtrlBlk *mque, const MergeQueMonitorAttr *attr);
+void QOV_MergeQueMonitorWrite(MergeQueCtrlBlk *mque);
+void QOV_MergeQueMonitorRemove(MergeQueCtrlBlk *mque);
+
+// Statistics and reports.
+int QOV_MergeQueSetTimeStamp(uint64_t *stamp);
+const char *QOV_MergeQueGetStatDesc(uint32_t id);
+const char *QOV_MergeQueGetReaderStatDesc(uint32_t id);
+void QOV_MergeQueSetStat(MergeQueCtrlBlk *mque, const void *key);
+char *QOV_MergeQueTrans2Time(char *buf, uint32_t size, const uint64_t *stamp);
+uint32_t QOV_PrintMergeQueBaseInfo(const MergeQueCtrlBlk *mque, char *buf, uint32_t size);
+uint32_t QOV_PrintMergeQueStat(const MergeQueCtrlBlk *mque, char *buf, uint32_t size);
+uint32_t QOV_PrintMergeQueReaderInfo(const MergeQueReader *reader, char *buf, uint32_t size);
+uint32_t QOV_PrintMergeQueReaderBaseInfo(const MergeQueReader *reader, char *buf, uint32_t size);
+
+// Writing and reading.
+uint32_t QOV_MergeQueNewWrite(MergeQueCtrlBlk *mque, const void *key, const void *record);
+void QOV_MergeQueMergeWrite(MergeQueCtrlBlk *mque, void *record, MergeQueEntry *entry, uint32_t moveToTail);
+MergeQueEntry *QOV_MergeQueNewHashData(MergeQueCtrlBlk *mque, const void *key, const void *record);
+void QOV_MergeQueAttachMsgList(MergeQueCtrlBlk *mque, MergeQueEntry *entry);
+void QOV_MergeQueDetachMsgList(MergeQueCtrlBlk *mque, MergeQueEntry *entry);
+void QOV_MergeQueMsgListMoveTail(MergeQueCtrlBlk *mque, MergeQueEntry *entry);
+uint32_t QOV_MergeQueRemoveHash(MergeQueCtrlBlk *mque, MergeQueEntry *entry);
+uint32_t QOV_MergeQueReadBase(MergeQueCtrlBlk *mque, uint32_t recSize, void *buf, uint32_t maxCount);
+uint32_t QOV_MergeQueReadToCallBack(MergeQueCtrlBlk *mque, uint32_t maxCount, MergeQueReadFunc func,
+                                    void *usrData);
+
+}  // extern "C"
+
+// Counting a slot: add to its count and stamp the time when the slot's row
+// says so. Inline, since appends, merges and reads count on every call.
+inline void MqAddReaderStat(MergeQueCtrlBlk *mque, uint32_t id, uint32_t n) {
+    mque->reader.stat[id].cnt += n;
+    if (g_mergeQueReaderStatDesc[id].stampFlag == 1) QOV_MergeQueSetTimeStamp(&mque->reader.stat[id].stamp);
+}
+inline void MqCountReaderStat(MergeQueCtrlBlk *mque, uint32_t id) { MqAddReaderStat(mque, id, 1); }
+inline void MqCountStat(MergeQueCtrlBlk *mque, uint32_t id) {
+    mque->stat[id].cnt++;
+    if (g_mergeQueStatDesc[id].stampFlag == 1) QOV_MergeQueSetTimeStamp(&mque->stat[id].stamp);
+}
+
+#endif
