@@ -8,6 +8,15 @@
 #include <stdint.h>
 #include "qov_as_log.h"
 
+/* Layout checks of exchanged records, in C and in C++. */
+#ifndef QOV_AS_STATIC_ASSERT
+#ifdef __cplusplus
+#define QOV_AS_STATIC_ASSERT(cond, msg) static_assert(cond, msg)
+#else
+#define QOV_AS_STATIC_ASSERT(cond, msg) _Static_assert(cond, msg)
+#endif
+#endif
+
 QOV_AS_EXTERN_C_BEGIN
 
 /* Four-argument form: (tableId, TLV type, class record or null, record length). */
@@ -24,9 +33,9 @@ typedef struct ASOrchSmoothTlvHead {
     uint32_t tableId;
 } ASOrchSmoothTlvHead;
 
-_Static_assert(sizeof(ASOrchSmoothTlvHead) == 12, "ASOrchSmoothTlvHead layout");
-_Static_assert(offsetof(ASOrchSmoothTlvHead, length) == 4, "ASOrchSmoothTlvHead layout");
-_Static_assert(offsetof(ASOrchSmoothTlvHead, tableId) == 8, "ASOrchSmoothTlvHead layout");
+QOV_AS_STATIC_ASSERT(sizeof(ASOrchSmoothTlvHead) == 12, "ASOrchSmoothTlvHead layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchSmoothTlvHead, length) == 4, "ASOrchSmoothTlvHead layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchSmoothTlvHead, tableId) == 8, "ASOrchSmoothTlvHead layout");
 
 /* Class records: the TLV's bytes from its tableId on, then zero bytes. */
 
@@ -37,9 +46,9 @@ typedef struct ASOrchSmoothClassStateRec {
     uint32_t zero;
 } ASOrchSmoothClassStateRec;
 
-_Static_assert(sizeof(ASOrchSmoothClassStateRec) == 12, "ASOrchSmoothClassStateRec layout");
-_Static_assert(offsetof(ASOrchSmoothClassStateRec, word) == 4, "ASOrchSmoothClassStateRec layout");
-_Static_assert(offsetof(ASOrchSmoothClassStateRec, zero) == 8, "ASOrchSmoothClassStateRec layout");
+QOV_AS_STATIC_ASSERT(sizeof(ASOrchSmoothClassStateRec) == 12, "ASOrchSmoothClassStateRec layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchSmoothClassStateRec, word) == 4, "ASOrchSmoothClassStateRec layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchSmoothClassStateRec, zero) == 8, "ASOrchSmoothClassStateRec layout");
 
 /* VRF state, type 9; TLV length 32. */
 typedef struct ASOrchSmoothVrfStateRec {
@@ -48,9 +57,9 @@ typedef struct ASOrchSmoothVrfStateRec {
     uint8_t zero[48];
 } ASOrchSmoothVrfStateRec;
 
-_Static_assert(sizeof(ASOrchSmoothVrfStateRec) == 72, "ASOrchSmoothVrfStateRec layout");
-_Static_assert(offsetof(ASOrchSmoothVrfStateRec, word) == 4, "ASOrchSmoothVrfStateRec layout");
-_Static_assert(offsetof(ASOrchSmoothVrfStateRec, zero) == 24, "ASOrchSmoothVrfStateRec layout");
+QOV_AS_STATIC_ASSERT(sizeof(ASOrchSmoothVrfStateRec) == 72, "ASOrchSmoothVrfStateRec layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchSmoothVrfStateRec, word) == 4, "ASOrchSmoothVrfStateRec layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchSmoothVrfStateRec, zero) == 24, "ASOrchSmoothVrfStateRec layout");
 
 /* VRF class data, types 10 (begin) and 11 (end); TLV length 28. */
 typedef struct ASOrchSmoothVrfClassRec {
@@ -61,10 +70,10 @@ typedef struct ASOrchSmoothVrfClassRec {
     uint32_t zero;
 } ASOrchSmoothVrfClassRec;
 
-_Static_assert(sizeof(ASOrchSmoothVrfClassRec) == 24, "ASOrchSmoothVrfClassRec layout");
-_Static_assert(offsetof(ASOrchSmoothVrfClassRec, data) == 8, "ASOrchSmoothVrfClassRec layout");
-_Static_assert(offsetof(ASOrchSmoothVrfClassRec, word2) == 16, "ASOrchSmoothVrfClassRec layout");
-_Static_assert(offsetof(ASOrchSmoothVrfClassRec, zero) == 20, "ASOrchSmoothVrfClassRec layout");
+QOV_AS_STATIC_ASSERT(sizeof(ASOrchSmoothVrfClassRec) == 24, "ASOrchSmoothVrfClassRec layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchSmoothVrfClassRec, data) == 8, "ASOrchSmoothVrfClassRec layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchSmoothVrfClassRec, word2) == 16, "ASOrchSmoothVrfClassRec layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchSmoothVrfClassRec, zero) == 20, "ASOrchSmoothVrfClassRec layout");
 
 /* PID state, type 15; TLV length 20. */
 typedef struct ASOrchSmoothPidStateRec {
@@ -72,8 +81,8 @@ typedef struct ASOrchSmoothPidStateRec {
     uint32_t word[2];
 } ASOrchSmoothPidStateRec;
 
-_Static_assert(sizeof(ASOrchSmoothPidStateRec) == 12, "ASOrchSmoothPidStateRec layout");
-_Static_assert(offsetof(ASOrchSmoothPidStateRec, word) == 4, "ASOrchSmoothPidStateRec layout");
+QOV_AS_STATIC_ASSERT(sizeof(ASOrchSmoothPidStateRec) == 12, "ASOrchSmoothPidStateRec layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchSmoothPidStateRec, word) == 4, "ASOrchSmoothPidStateRec layout");
 
 /* LR class data, types 16 (begin) and 17 (end); TLV length 16. Handed to the
  * platform entry only: the callbacks get null and 0. */
@@ -82,8 +91,8 @@ typedef struct ASOrchSmoothLrClassRec {
     uint32_t word;
 } ASOrchSmoothLrClassRec;
 
-_Static_assert(sizeof(ASOrchSmoothLrClassRec) == 8, "ASOrchSmoothLrClassRec layout");
-_Static_assert(offsetof(ASOrchSmoothLrClassRec, word) == 4, "ASOrchSmoothLrClassRec layout");
+QOV_AS_STATIC_ASSERT(sizeof(ASOrchSmoothLrClassRec) == 8, "ASOrchSmoothLrClassRec layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchSmoothLrClassRec, word) == 4, "ASOrchSmoothLrClassRec layout");
 
 QOV_AS_EXTERN_C_END
 
