@@ -154,4 +154,48 @@ private:
     size_t off_ = 0;
 };
 
+
+// ---- Transfer messages: the TLV walk and the table-data layouts ----
+
+// Head of one TLV of a transfer message; the value follows.
+struct ASOrchTransTlvHead {
+    uint32_t tableId;
+    uint32_t tlvType;  // 1, 2: table data; 18, 19: one piece; else smoothing
+    uint32_t tlvLen;   // bytes of the value
+};
+static_assert(sizeof(ASOrchTransTlvHead) == 12);
+static_assert(offsetof(ASOrchTransTlvHead, tlvType) == 4);
+static_assert(offsetof(ASOrchTransTlvHead, tlvLen) == 8);
+
+// One TLV as the walk found it: its value lies inside the total length.
+struct ASOrchTransTlv {
+    uint32_t tableId;
+    uint32_t tlvType;
+    std::span<uint8_t> value;  // tlvLen bytes
+};
+
+constexpr uint32_t AS_TRANS_HEAD_LEN = 12;        // body bytes before the TLV area
+constexpr uint32_t AS_TRANS_TOTAL_LEN_OFFSET = 8;  // of the TLV area's length in the body
+constexpr uint32_t AS_TRANS_FES_HEAD_LEN = 8;      // u32 not read, then the entries' byte length
+// ASOrchMsgInfoProc's result for a TLV whose value breaks its layout: the walk stops.
+constexpr uint32_t AS_TRANS_TLV_MALFORMED = 2;
+
+// Handles one TLV: 1 for an unknown table, the smoothing result for
+// smoothing TLVs, AS_TRANS_TLV_MALFORMED for a refused FES layout, else 0.
+uint32_t ASOrchMsgInfoProc(ASOrchHandle *hdl, const ASOrchTransTlv *tlv, uint32_t lowBits);
+// Table data of types 1 and 2 by the table's path, and types 18 and 19. Each
+// returns false only for a value that breaks its layout (logged); a missing
+// handler or a handler's failure is logged and counts as handled.
+bool ASOrchTransTblParsePack(ASOrchHandle *hdl, const ASOrchTransTlv *tlv, const TblMsgCtrlTrans *ctrl,
+                             uint32_t lowBits);
+bool ASOrchFesTblParsePack(ASOrchHandle *hdl, const ASOrchTransTlv *tlv, const TblMsgCtrlTrans *ctrl,
+                           uint32_t lowBits);
+bool ASOrchDamTblParsePack(ASOrchHandle *hdl, const ASOrchTransTlv *tlv, const TblMsgCtrlTrans *ctrl,
+                           uint32_t lowBits);
+bool ASOrchTransCompTblParsePack(ASOrchHandle *hdl, const ASOrchTransTlv *tlv, const TblMsgCtrlTrans *ctrl,
+                                 uint32_t lowBits);
+
+// Sends on the broker's data channel of index chanIdx (0 DAM, 1 FES).
+uint32_t ASOrchFesDamChanMsgVec(ASOrchHandle *hdl, void *buf, uint32_t len, uint32_t chanIdx);
+
 #endif

@@ -185,6 +185,13 @@ QOV_AS_STATIC_ASSERT(offsetof(ASOrchIpcMsg, msgLen) == 12, "ASOrchIpcMsg layout"
  * u32 tlvType, u32 tlvLen, value}. */
 QOV_AS_API uint32_t ASOrchMsgProc(ASOrchHandle *hdl, const ASOrchIpcMsg *msg);
 
+/* ---- Channel senders for table handlers ----
+ * Send len bytes at buf on the broker's FES (channel 1) or DAM (channel 0)
+ * data channel to 127.0.0.1; the channel's send result is returned unchanged,
+ * 1 for a null handle. */
+QOV_AS_API uint32_t ASOrchFesChanMsgVec(ASOrchHandle *hdl, void *buf, uint32_t len);
+QOV_AS_API uint32_t ASOrchDamChanMsgVec(ASOrchHandle *hdl, void *buf, uint32_t len);
+
 QOV_AS_EXTERN_C_END
 
 #endif
