@@ -146,26 +146,28 @@ TEST_F(TblMsgRegTest, ADuplicateIdDropsTheWholeTable) {
     }
 }
 
-TEST_F(TblMsgRegTest, RunTimeDuplicateKeepsWhatCameBefore) {
+// Run-time registration: nothing without tables, a failure keeps what came
+// before it, and the table stays usable.
+TEST_F(TblMsgRegTest, RunTimeRegistrationKeepsWhatCameBefore) {
     ASOrchTransTblMsg t[] = {Trans(40), Trans(41), Trans(40), Trans(42)};
+    uint64_t allocs = qovtest::AllocCount();
+    EXPECT_EQ(RegTrans(1, t, 0), 0u);
+    EXPECT_EQ(RegTrans(1, nullptr, 2), 0u);
+    EXPECT_EQ(qovtest::AllocCount(), allocs) << "no table without tables";
+    qovtest::AllocFailAt(allocs + 1);
+    EXPECT_EQ(RegTrans(0, t, 1), 1u);
+    EXPECT_TRUE(qovtest::HasLine("orchI, Orch auto sync create new tblmsg hash Fail"));
+    qovtest::AllocFailAt(allocs + 3);
+    EXPECT_EQ(RegTrans(0, t, 1), 1u);
+    EXPECT_TRUE(qovtest::HasLine("Orch auto sync trans tbl new msg failed to new HashNode"));
+    EXPECT_NE(hdl_->transTblMsgHash, nullptr) << "the created table stays";
     EXPECT_EQ(RegTrans(1, t, 4), 1u);
     EXPECT_TRUE(qovtest::HasLine("Orch autosync trans add HashNode(40) fail"));
     EXPECT_NE(ASOrchGetTblMsgTrans(hdl_, 41), nullptr);
     EXPECT_EQ(ASOrchGetTblMsgTrans(hdl_, 42), nullptr);
-    EXPECT_EQ(RegTrans(1, t + 3, 1), 0u) << "the table stays usable";
-    EXPECT_EQ(RegTrans(1, t, 0), 0u);
-    EXPECT_EQ(RegTrans(1, nullptr, 2), 0u);
+    EXPECT_EQ(RegTrans(1, t + 3, 1), 0u);
     EXPECT_EQ(kept_.size(), 3u);
     EXPECT_EQ(ASOrchRegTblTrans(nullptr, 0, t, 1), 1u);
-}
-
-TEST_F(TblMsgRegTest, RunTimeRegistrationWithoutTablesCreatesNone) {
-    uint64_t allocs = qovtest::AllocCount();
-    ASOrchTransTblMsg t = Trans(1);
-    EXPECT_EQ(RegTrans(0, &t, 0), 0u);
-    EXPECT_EQ(RegTrans(1, nullptr, 3), 0u);
-    EXPECT_EQ(hdl_->transTblMsgHash, nullptr);
-    EXPECT_EQ(qovtest::AllocCount(), allocs);
 }
 
 // Fail the k-th allocation of a full registration, k = 1..6, then none.
@@ -202,19 +204,6 @@ TEST_P(TblMsgAllocTest, EachAllocationFailureIsCleanAndLogged) {
 
 INSTANTIATE_TEST_SUITE_P(, TblMsgAllocTest, ::testing::Range(1, 8),
                          [](const auto &p) { return "Fail" + std::to_string(p.param); });
-
-TEST_F(TblMsgRegTest, RunTimeAllocationFailures) {
-    ASOrchTransTblMsg t = Trans(50);
-    qovtest::AllocFailAt(qovtest::AllocCount() + 1);
-    EXPECT_EQ(RegTrans(0, &t, 1), 1u);
-    EXPECT_TRUE(qovtest::HasLine("orchI, Orch auto sync create new tblmsg hash Fail"));
-    qovtest::AllocFailAt(qovtest::AllocCount() + 2);
-    EXPECT_EQ(RegTrans(0, &t, 1), 1u);
-    EXPECT_TRUE(qovtest::HasLine("Orch auto sync trans tbl new msg failed to new HashNode"));
-    EXPECT_NE(hdl_->transTblMsgHash, nullptr) << "the created table stays";
-    EXPECT_EQ(RegTrans(0, &t, 1), 0u);
-    EXPECT_EQ(kept_.size(), 2u);
-}
 
 TEST_F(TblMsgRegTest, CallbacksLandInTheSlotsOfTheirRoute) {
     ASOrchBasePara base{};
