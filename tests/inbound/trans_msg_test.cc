@@ -46,21 +46,18 @@ uint32_t TblProc(ASOrchHandle *, void *e, uint32_t n, uint32_t size, ASOrchTblMs
     return g_tblResult;
 }
 
-void Rec(void *rec, uint32_t len) {
+// A smoothing callback: its slot, arguments (batch type only in the with-type
+// form) and the record's bytes.
+uint32_t Cb(const char *slot, uint32_t t, const char *b, uint32_t type, void *rec, uint32_t len) {
+    Ev("%s t=%u%s type=%u len=%u", slot, t, b, type, len);
     if (rec != nullptr) g_recs.emplace_back(static_cast<uint8_t *>(rec), static_cast<uint8_t *>(rec) + len);
-}
-uint32_t Pre4(uint32_t t, uint32_t type, void *rec, uint32_t len) { Ev("pre t=%u type=%u len=%u", t, type, len); Rec(rec, len); return 0; }
-uint32_t Proc4(uint32_t t, uint32_t type, void *rec, uint32_t len) { Ev("proc t=%u type=%u len=%u", t, type, len); Rec(rec, len); return 0; }
-uint32_t Pre5(uint32_t t, uint32_t b, uint32_t type, void *rec, uint32_t len) {
-    Ev("pre t=%u b=%u type=%u len=%u", t, b, type, len);
-    Rec(rec, len);
     return 0;
 }
-uint32_t Proc5(uint32_t t, uint32_t b, uint32_t type, void *rec, uint32_t len) {
-    Ev("proc t=%u b=%u type=%u len=%u", t, b, type, len);
-    Rec(rec, len);
-    return 0;
-}
+std::string B(uint32_t b) { return " b=" + std::to_string(b); }
+uint32_t Pre4(uint32_t t, uint32_t ty, void *r, uint32_t l) { return Cb("pre", t, "", ty, r, l); }
+uint32_t Proc4(uint32_t t, uint32_t ty, void *r, uint32_t l) { return Cb("proc", t, "", ty, r, l); }
+uint32_t Pre5(uint32_t t, uint32_t b, uint32_t ty, void *r, uint32_t l) { return Cb("pre", t, B(b).c_str(), ty, r, l); }
+uint32_t Proc5(uint32_t t, uint32_t b, uint32_t ty, void *r, uint32_t l) { return Cb("proc", t, B(b).c_str(), ty, r, l); }
 
 // The platform's smoothing entries as called, in order.
 std::vector<QovHostCall> EntryCalls() {
@@ -74,10 +71,8 @@ std::vector<QovHostCall> EntryCalls() {
 // Their names, with the batch type where one is passed.
 std::vector<std::string> Entries() {
     std::vector<std::string> out;
-    for (const QovHostCall &c : EntryCalls()) {
-        out.emplace_back(c.op);
-        if (std::strstr(c.op, "WithType") != nullptr) out.back() += " " + std::to_string(c.arg[1]);
-    }
+    for (const QovHostCall &c : EntryCalls())
+        out.push_back(c.op + (std::strstr(c.op, "WithType") != nullptr ? " " + std::to_string(c.arg[1]) : ""));
     return out;
 }
 
