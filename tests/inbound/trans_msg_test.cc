@@ -271,6 +271,19 @@ INSTANTIATE_TEST_SUITE_P(
                    kNone, "orchI, smooth tlv head cut short. remaining = 11", 0, 0}),
     [](const auto &p) { return std::string(p.param.name); });
 
+TEST(SmoothRemapTest, FirstTypesOfBatchRunsMapToTheirClassAndBatch) {
+    // {first type, dispatched as, batch type}; the neighbours and unused rows stay as they are with batch 3.
+    const uint32_t rows[][3] = {{192, 192, 3}, {193, 10, 1}, {194, 11, 1}, {195, 10, 2}, {196, 11, 2}, {197, 197, 3},
+                                {200, 200, 3}, {201, 16, 1}, {202, 17, 1}, {203, 16, 2}, {204, 204, 3}, {205, 205, 3},
+                                {206, 17, 2},  {207, 207, 3}, {7, 7, 3},    {0xFFFFFFFF, 0xFFFFFFFF, 3}};
+    for (const auto &r : rows) {
+        uint32_t type = 0, batch = 0;
+        ASOrchTransTblSmoothGetTlvAndBatchType(r[0], &type, &batch);
+        EXPECT_EQ(type, r[1]) << r[0];
+        EXPECT_EQ(batch, r[2]) << r[0];
+    }
+}
+
 std::vector<std::string> Prefix(const std::vector<std::string> &v, size_t n) { return {v.begin(), v.begin() + n}; }
 
 TEST_F(TransTest, DamagedSmoothingRunsStopRightBeforeTheDamagedTlv) {
