@@ -89,6 +89,7 @@ void Check(bool ok) {
 bool Register() {
     QovHostLogEcho(0);
     QovHostLogCapture(0);
+    QovHostJournalEnable(0);  // kept records would grow with every input
     ASOrchCreatePara para{0, 0, Alloc, Free, 0};
     g_hdl = ASOrchCreate("fuzzI", &para);
     Check(g_hdl != nullptr);

@@ -59,7 +59,7 @@ QOV_AS_STATIC_ASSERT(sizeof(ASOrchUnpackRes) == 16, "ASOrchUnpackRes layout");
 QOV_AS_STATIC_ASSERT(offsetof(ASOrchUnpackRes, num) == 4, "ASOrchUnpackRes layout");
 QOV_AS_STATIC_ASSERT(offsetof(ASOrchUnpackRes, entries) == 8, "ASOrchUnpackRes layout");
 
-/* Second-to-last argument of a user-defined handler. */
+/* Last argument of a user-defined handler. */
 typedef struct ASOrchUserDefInfo {
     uint32_t version;    /* the message's current version */
     uint32_t mergeType;  /* the registered merge type */

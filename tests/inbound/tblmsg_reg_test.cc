@@ -146,26 +146,28 @@ TEST_F(TblMsgRegTest, ADuplicateIdDropsTheWholeTable) {
     }
 }
 
-TEST_F(TblMsgRegTest, RunTimeDuplicateKeepsWhatCameBefore) {
+// Run-time registration: nothing without tables, a failure keeps what came
+// before it, and the table stays usable.
+TEST_F(TblMsgRegTest, RunTimeRegistrationKeepsWhatCameBefore) {
     ASOrchTransTblMsg t[] = {Trans(40), Trans(41), Trans(40), Trans(42)};
+    uint64_t allocs = qovtest::AllocCount();
+    EXPECT_EQ(RegTrans(1, t, 0), 0u);
+    EXPECT_EQ(RegTrans(1, nullptr, 2), 0u);
+    EXPECT_EQ(qovtest::AllocCount(), allocs) << "no table without tables";
+    qovtest::AllocFailAt(allocs + 1);
+    EXPECT_EQ(RegTrans(0, t, 1), 1u);
+    EXPECT_TRUE(qovtest::HasLine("orchI, Orch auto sync create new tblmsg hash Fail"));
+    qovtest::AllocFailAt(allocs + 3);
+    EXPECT_EQ(RegTrans(0, t, 1), 1u);
+    EXPECT_TRUE(qovtest::HasLine("Orch auto sync trans tbl new msg failed to new HashNode"));
+    EXPECT_NE(hdl_->transTblMsgHash, nullptr) << "the created table stays";
     EXPECT_EQ(RegTrans(1, t, 4), 1u);
     EXPECT_TRUE(qovtest::HasLine("Orch autosync trans add HashNode(40) fail"));
     EXPECT_NE(ASOrchGetTblMsgTrans(hdl_, 41), nullptr);
     EXPECT_EQ(ASOrchGetTblMsgTrans(hdl_, 42), nullptr);
-    EXPECT_EQ(RegTrans(1, t + 3, 1), 0u) << "the table stays usable";
-    EXPECT_EQ(RegTrans(1, t, 0), 0u);
-    EXPECT_EQ(RegTrans(1, nullptr, 2), 0u);
+    EXPECT_EQ(RegTrans(1, t + 3, 1), 0u);
     EXPECT_EQ(kept_.size(), 3u);
     EXPECT_EQ(ASOrchRegTblTrans(nullptr, 0, t, 1), 1u);
-}
-
-TEST_F(TblMsgRegTest, RunTimeRegistrationWithoutTablesCreatesNone) {
-    uint64_t allocs = qovtest::AllocCount();
-    ASOrchTransTblMsg t = Trans(1);
-    EXPECT_EQ(RegTrans(0, &t, 0), 0u);
-    EXPECT_EQ(RegTrans(1, nullptr, 3), 0u);
-    EXPECT_EQ(hdl_->transTblMsgHash, nullptr);
-    EXPECT_EQ(qovtest::AllocCount(), allocs);
 }
 
 // Fail the k-th allocation of a full registration, k = 1..6, then none.
@@ -203,19 +205,6 @@ TEST_P(TblMsgAllocTest, EachAllocationFailureIsCleanAndLogged) {
 INSTANTIATE_TEST_SUITE_P(, TblMsgAllocTest, ::testing::Range(1, 8),
                          [](const auto &p) { return "Fail" + std::to_string(p.param); });
 
-TEST_F(TblMsgRegTest, RunTimeAllocationFailures) {
-    ASOrchTransTblMsg t = Trans(50);
-    qovtest::AllocFailAt(qovtest::AllocCount() + 1);
-    EXPECT_EQ(RegTrans(0, &t, 1), 1u);
-    EXPECT_TRUE(qovtest::HasLine("orchI, Orch auto sync create new tblmsg hash Fail"));
-    qovtest::AllocFailAt(qovtest::AllocCount() + 2);
-    EXPECT_EQ(RegTrans(0, &t, 1), 1u);
-    EXPECT_TRUE(qovtest::HasLine("Orch auto sync trans tbl new msg failed to new HashNode"));
-    EXPECT_NE(hdl_->transTblMsgHash, nullptr) << "the created table stays";
-    EXPECT_EQ(RegTrans(0, &t, 1), 0u);
-    EXPECT_EQ(kept_.size(), 2u);
-}
-
 TEST_F(TblMsgRegTest, CallbacksLandInTheSlotsOfTheirRoute) {
     ASOrchBasePara base{};
     base.transTblMsgList[1] = List(trans0_.data(), 1);  // table 1 through the base registration, FES
@@ -241,21 +230,6 @@ TEST_F(TblMsgRegTest, CallbacksLandInTheSlotsOfTheirRoute) {
     EXPECT_EQ(std::make_tuple(r->tableId, r->tblSize, r->tblParam, r->dataPath, r->version),
               std::make_tuple(7u, 12u, 77u, 0u, 0u));
     EXPECT_EQ(b->tblMsgProc, &TblProc);
-}
-
-TEST_F(TblMsgRegTest, ReceiveRecordIsACopyOfItsDescriptor) {
-    ASOrchBasePara base = Full();
-    ASSERT_EQ(RegBase(base), 0u);
-    recv0_[1] = ASOrchRecvTblMsg{};  // the caller's array is not referenced afterwards
-    TblMsgCtrlRecv *c = ASOrchGetTblMsgRecv(hdl_, 2);
-    ASSERT_NE(c, nullptr);
-    ASOrchRecvTblMsg want = Recv(2);
-    auto fields = [](const auto &r) {
-        return std::make_tuple(r.mergeMsgId, r.msgId, r.opType, r.unpack, r.unpackFree, r.ipcSize, r.mergeType,
-                               r.userDefProc, r.mergeOp, r.keySize);
-    };
-    EXPECT_EQ(fields(*c), fields(want));
-    EXPECT_EQ(c->version, 0u);
 }
 
 TEST_F(TblMsgRegTest, VersionsCountFromOneAndWrap) {
@@ -293,6 +267,7 @@ TEST_F(TblMsgRegTest, VersionsCountFromOneAndWrap) {
     }
 }
 
+// Keys 5, 133 and 261 share bucket 5; each record is a copy of its descriptor.
 TEST_F(TblMsgRegTest, KeysSharingABucketAreEachFound) {
     std::vector<ASOrchRecvTblMsg> recv{Recv(5), Recv(133)};
     std::vector<ASOrchTransTblMsg> trans{Trans(133), Trans(5)};
@@ -300,9 +275,14 @@ TEST_F(TblMsgRegTest, KeysSharingABucketAreEachFound) {
     base.recvTblMsgList[0] = List(recv.data(), 2);
     base.transTblMsgList[0] = List(trans.data(), 2);
     ASSERT_EQ(RegBase(base), 0u);
+    recv.assign(2, ASOrchRecvTblMsg{});  // the caller's array is not referenced afterwards
+    auto fields = [](const auto &r) {
+        return std::make_tuple(r.mergeMsgId, r.msgId, r.opType, r.unpack, r.unpackFree, r.ipcSize, r.mergeType,
+                               r.userDefProc, r.mergeOp, r.keySize);
+    };
     for (uint32_t id : {5u, 133u}) {
         ASSERT_NE(ASOrchGetTblMsgRecv(hdl_, id), nullptr);
-        EXPECT_EQ(ASOrchGetTblMsgRecv(hdl_, id)->msgId, id);
+        EXPECT_EQ(fields(*ASOrchGetTblMsgRecv(hdl_, id)), fields(Recv(id)));
         ASSERT_NE(ASOrchGetTblMsgTrans(hdl_, id), nullptr);
         EXPECT_EQ(ASOrchGetTblMsgTrans(hdl_, id)->tableId, id);
     }
