@@ -13,10 +13,16 @@
  *    null one with a log line; nothing dereferences a null argument.
  * 4. Threads: create, register and destroy on the orchestrator's own thread, one
  *    call at a time across the process (the module registry is unprotected).
- *    Message handling runs on the EAL's Data thread. */
+ *    Message handling runs on the EAL's Data thread.
+ * 5. Destroying: stop feeding a handle before ASOrchDestroy — clear the
+ *    receive functions of its channels and its timers (on the host platform
+ *    both return only when no call of them is still running) and let no other
+ *    thread write into its merge queues or send to its sync groups. The
+ *    library's own queue readers it stops itself. */
 #ifndef QOV_AS_CORE_H
 #define QOV_AS_CORE_H
 
+#include <stddef.h>
 #include <stdint.h>
 #include "qov_as_log.h"
 #include "qov_as_inbound.h"
@@ -42,30 +48,110 @@ typedef struct ASOrchCreatePara {
     ASOrchMemFreeFunc memFree;
     uint32_t ealCreateWord1;  /* handed to the EAL unchanged */
 } ASOrchCreatePara;
+QOV_AS_STATIC_ASSERT(sizeof(ASOrchCreatePara) == 32, "ASOrchCreatePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchCreatePara, memAlloc) == 8, "ASOrchCreatePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchCreatePara, memFree) == 16, "ASOrchCreatePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchCreatePara, ealCreateWord1) == 24, "ASOrchCreatePara layout");
 
 /* Channel slot k of the base-registration record selects channel kind k. */
 typedef struct ASOrchChanSlot {
-    uint32_t realServerPort; /* 0: slot not used; low 16 bits: server port */
-    uint64_t chanUsrData;
+    uint32_t realServerPort; /* 0: slot not used; low 16 bits: server port, host order */
+    uint64_t chanUsrData;    /* copied into the channel parameter record */
 } ASOrchChanSlot;
+QOV_AS_STATIC_ASSERT(sizeof(ASOrchChanSlot) == 16, "ASOrchChanSlot layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchChanSlot, chanUsrData) == 8, "ASOrchChanSlot layout");
 
 #define AS_ORCH_CHAN_SLOT_NUM 8u
 
 /* Base-registration record: everything an instance needs, read during
- * registration only. */
+ * ASOrchRegBase only; the arrays it points to are copied there. */
 typedef struct ASOrchBasePara {
-    uint32_t threadMask; /* bit 0 Data (mandatory), bit 1 Sync, bit 2 Event */
-    uint64_t modStateRsp;
-    uint32_t modStateRspArg;
-    uint64_t syncGrpMsgSet[AS_ORCH_SYNC_GRP_KIND_NUM]; /* kind 0 mandatory */
-    uint32_t rsvPortPara0;
+    uint32_t threadMask; /* bit 0 Data (mandatory), bit 1 Sync, bit 2 Event; see ASOrchThreadSet */
+    uint64_t modStateRsp;    /* to QOV_EAL_RegModStateRsp */
+    uint32_t modStateRspArg; /* to QOV_EAL_RegModStateRsp */
+    uint64_t syncGrpMsgSet[AS_ORCH_SYNC_GRP_KIND_NUM]; /* per sync-group kind; kind 0 mandatory */
+    uint32_t rsvPortPara0; /* to QOV_EAL_ReservePort */
     uint32_t rsvPortPara1;
-    ASOrchChanSlot chan[AS_ORCH_CHAN_SLOT_NUM];
+    ASOrchChanSlot chan[AS_ORCH_CHAN_SLOT_NUM]; /* kinds 0 DAM, 1 FES, 2 UP, 3 EVT; 4..7 refused */
     ASOrchTblMsgList recvTblMsgList[2];
     ASOrchTblMsgList transTblMsgList[2]; /* [0] DAM path, [1] FES path */
     ASOrchMergePara damMerge;
     ASOrchMergePara fesMerge;
 } ASOrchBasePara;
+QOV_AS_STATIC_ASSERT(sizeof(ASOrchTblMsgList) == 16, "ASOrchTblMsgList layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchTblMsgList, num) == 8, "ASOrchTblMsgList layout");
+QOV_AS_STATIC_ASSERT(sizeof(ASOrchMergePara) == 40, "ASOrchMergePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchMergePara, dispatchNum) == 8, "ASOrchMergePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchMergePara, hashSize) == 16, "ASOrchMergePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchMergePara, hashFunc) == 24, "ASOrchMergePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchMergePara, highWater) == 32, "ASOrchMergePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchMergePara, lowWater) == 36, "ASOrchMergePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchBasePara, modStateRsp) == 8, "ASOrchBasePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchBasePara, modStateRspArg) == 16, "ASOrchBasePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchBasePara, syncGrpMsgSet) == 24, "ASOrchBasePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchBasePara, rsvPortPara0) == 56, "ASOrchBasePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchBasePara, rsvPortPara1) == 60, "ASOrchBasePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchBasePara, chan) == 64, "ASOrchBasePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchBasePara, recvTblMsgList) == 192, "ASOrchBasePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchBasePara, transTblMsgList) == 224, "ASOrchBasePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchBasePara, damMerge) == 256, "ASOrchBasePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchBasePara, fesMerge) == 296, "ASOrchBasePara layout");
+QOV_AS_STATIC_ASSERT(sizeof(ASOrchBasePara) == 336, "ASOrchBasePara layout");
+
+/* Runs the seven registration steps ("RegThread", "ModStateRsp", "SyncGroup",
+ * "ReservePort", "channel", "TblMsg", "MergeMQue") in that order and stops at
+ * the first that fails; what earlier steps registered stays until
+ * ASOrchDestroy. Call it once, after ASOrchCreate and before ASOrchStart. */
+QOV_AS_API uint32_t ASOrchRegBase(ASOrchHandle *hdl, const ASOrchBasePara *para);
+
+/* Builds a thread mask from count (1 to 3) distinct kinds given as further
+ * u32 arguments (0 Data, 1 Sync, 2 Event; each below 32). 1 and *mask
+ * untouched for a bad count, a kind given twice or a kind of 32 or more. */
+QOV_AS_API uint32_t ASOrchThreadSet(uint32_t *mask, uint32_t count, ...);
+
+/* ---- Channels ---- */
+
+#define AS_ORCH_CHAN_KIND_NUM 4u /* 0 DAM, 1 FES, 2 UP, 3 EVT */
+
+/* Channel parameter record as the EAL takes it (192 bytes, little-endian). */
+typedef struct ASOrchChanPara {
+    uint32_t chanIdx;       /* channel kind */
+    uint32_t word4;
+    char chanName[32];      /* table: the suffix; registered: instance name + suffix */
+    uint8_t rsv40[32];
+    uint32_t word72;
+    uint32_t chanThreadId;  /* 2 Event thread, 0 Data thread */
+    uint32_t word80;
+    uint32_t rsv84;
+    uint32_t (*serverAddrFunc)(void); /* server IPv4 address, network byte order */
+    uint64_t word96;
+    uint32_t rsv104;
+    uint16_t serverPort;    /* network byte order */
+    uint16_t rsv110;
+    uint64_t rsv112;
+    uint32_t word120;
+    uint32_t rsv124;
+    uint64_t chanUsrData;
+    uint8_t rsv136[56];
+} ASOrchChanPara;
+QOV_AS_STATIC_ASSERT(sizeof(ASOrchChanPara) == 192, "ASOrchChanPara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchChanPara, word4) == 4, "ASOrchChanPara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchChanPara, chanName) == 8, "ASOrchChanPara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchChanPara, word72) == 72, "ASOrchChanPara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchChanPara, chanThreadId) == 76, "ASOrchChanPara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchChanPara, word80) == 80, "ASOrchChanPara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchChanPara, serverAddrFunc) == 88, "ASOrchChanPara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchChanPara, word96) == 96, "ASOrchChanPara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchChanPara, serverPort) == 108, "ASOrchChanPara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchChanPara, word120) == 120, "ASOrchChanPara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchChanPara, chanUsrData) == 128, "ASOrchChanPara layout");
+
+/* Short names of the channel kinds; entries 4 to 7 are null. */
+QOV_AS_API extern const char *const g_ASChannelName[AS_ORCH_CHAN_SLOT_NUM];
+/* The parameter record of each channel kind before registration completes it. */
+QOV_AS_API extern const ASOrchChanPara g_ASOrchChanParam[AS_ORCH_CHAN_KIND_NUM];
+/* Short name of a channel kind ("DAM", "FES", "UP", "EVT"), null otherwise. */
+QOV_AS_API const char *ASGetChnlName(uint32_t chanIdx);
 
 /* Creates a handle under a process-unique name; null on failure. */
 QOV_AS_API ASOrchHandle *ASOrchCreate(const char *name, const ASOrchCreatePara *para);
@@ -77,7 +163,8 @@ QOV_AS_API uint32_t ASOrchStart(ASOrchHandle *hdl);
 QOV_AS_API uint32_t ASOrchSetOndemandParam(ASOrchHandle *hdl, uint64_t value);
 /* Tells the EAL that module initialisation is complete; returns its result. */
 QOV_AS_API uint32_t ASOrchModInitOk(ASOrchHandle *hdl);
-/* Releases everything the handle holds, then the handle; null does nothing. */
+/* Releases everything the handle holds, then the handle; null does nothing.
+ * Stop feeding the handle first (rule 5 above). */
 QOV_AS_API void ASOrchDestroy(ASOrchHandle *hdl);
 /* The EAL instance of the handle, or null. */
 QOV_AS_API void *ASOrchGetEalHdl(ASOrchHandle *hdl);
@@ -146,6 +233,8 @@ typedef struct ASOrchPatchInfo {
     char reserved[397];
     char libName[128]; /* target library, NUL-terminated */
 } ASOrchPatchInfo;
+QOV_AS_STATIC_ASSERT(sizeof(ASOrchPatchInfo) == 525, "ASOrchPatchInfo layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchPatchInfo, libName) == 397, "ASOrchPatchInfo layout");
 
 /* Activates (0) or deactivates (1) a patch addressed to this library. */
 QOV_AS_API uint32_t libqov_autosync_orch_PAT_C2HSyncHookFunc(uint32_t operCode, uint64_t value,
