@@ -127,7 +127,6 @@ protected:
     }
     void TearDown() override {
         for (void *e : eals_) QOV_EAL_Destroy(e);
-        QovHostSetFrameMax(QOV_HOST_FRAME_MAX_DEFAULT);
         HostTest::TearDown();
     }
     std::vector<void *> eals_;
@@ -328,6 +327,22 @@ TEST_F(EalTest, SyncGroupLinksTwoInstances) {
     ASSERT_EQ(QovHostSyncSetRecv(b, 2, Sink::Sync, &sink), 0u);
     ASSERT_EQ(QOV_EAL_Start(a), 0u);
     ASSERT_EQ(QOV_EAL_Start(b), 0u);
+    // A peer whose frame holds an item longer than the frame is cut off.
+    int raw = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(port);
+    to.sin_addr.s_addr = Loopback();
+    timeval fiveSec{5, 0};
+    setsockopt(raw, SOL_SOCKET, SO_RCVTIMEO, &fiveSec, sizeof fiveSec);
+    ASSERT_EQ(connect(raw, reinterpret_cast<sockaddr *>(&to), sizeof to), 0);
+    auto bad = Frame(2, 8, 0);
+    QovHostPutU32(bad.data() + QOV_HOST_FRAME_HDR_LEN, 5);  // 5 bytes claimed, 4 left
+    ASSERT_EQ(send(raw, bad.data(), bad.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bad.size()));
+    char eof;
+    EXPECT_EQ(recv(raw, &eof, 1, 0), 0) << "the link was not dropped";
+    close(raw);
+    EXPECT_TRUE(qovtest::WaitFor([] { return HasLineWith("sb sync group 2: malformed sync frame of 8 bytes"); }));
     ASSERT_EQ(QovHostSyncConnect(a, 2, port), 0u) << "set up on a started instance";
     ASSERT_TRUE(WaitFor([&] { return QOV_EAL_IsSyncReadyOnlyTarn(a, 2) == 1 && QOV_EAL_IsSyncReadyOnlyTarn(b, 2) == 1; }));
     EXPECT_EQ(QOV_EAL_IsSyncReadyOnlyTarn(b, 3), 0u) << "a group without a link";

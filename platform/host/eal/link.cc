@@ -23,7 +23,6 @@
 namespace qovhost {
 namespace {
 
-std::atomic<uint32_t> g_frameMax{QOV_HOST_FRAME_MAX_DEFAULT};
 constexpr uint32_t kBackoffMinMs = 10;
 constexpr uint32_t kFramesPerTurn = 64;  // then the loop serves the others
 
@@ -201,7 +200,7 @@ uint32_t OnAccept(int32_t fd, uint32_t, void *usrData) {
 
 }  // namespace
 
-uint32_t FrameMax() { return g_frameMax.load(); }
+uint32_t FrameMax() { return QovHostFrameMax(); }
 
 void LinkStart(Link &l, int32_t epFd) {
     l.epFd = epFd;
@@ -268,15 +267,3 @@ uint32_t LinkPress(Link &l, bool press) {
 }
 
 }  // namespace qovhost
-
-extern "C" {
-
-QOV_PLAT_API int QovHostSetFrameMax(uint32_t maxBody) {
-    if (maxBody == 0 || maxBody > QOV_HOST_FRAME_MAX_LIMIT) return -1;
-    qovhost::g_frameMax = maxBody;
-    return 0;
-}
-
-QOV_PLAT_API uint32_t QovHostFrameMax(void) { return qovhost::FrameMax(); }
-
-}  // extern "C"
