@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstring>
 #include <fstream>
+#include <ostream>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -150,6 +151,8 @@ struct ThreadCase {
     const char *comm[3];  // kernel names, null for a kind not running
 };
 
+void PrintTo(const ThreadCase &c, std::ostream *os) { *os << c.name; }
+
 class EalThreads : public EalTest, public ::testing::WithParamInterface<ThreadCase> {};
 
 TEST_P(EalThreads, NamedStartedJoined) {
@@ -189,6 +192,8 @@ struct ChanCase {
     uint32_t chanThreadId;
     uint32_t servedBy;
 };
+
+void PrintTo(const ChanCase &c, std::ostream *os) { *os << c.name; }
 
 class EalChannels : public EalTest, public ::testing::WithParamInterface<ChanCase> {};
 
@@ -272,6 +277,8 @@ struct ReconnectCase {
     Fault fault;
     const char *line;  // part of the log line expected, or null
 };
+
+void PrintTo(const ReconnectCase &c, std::ostream *os) { *os << c.name; }
 
 class EalReconnect : public EalTest, public ::testing::WithParamInterface<ReconnectCase> {};
 
