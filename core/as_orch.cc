@@ -24,6 +24,7 @@ constexpr BaseStep kBaseSteps[] = {
     {"SyncGroup", ASOrchRegSyncGrpBase},
     {"ReservePort", ASOrchReservePort},
     {"channel", ASOrchRegBaseChan},
+    {"TblMsg", ASOrchRegTblMsg},
     {"MergeMQue", ASOrchRegMerge},
 };
 
@@ -65,6 +66,9 @@ QOV_AS_API void ASOrchDestroy(ASOrchHandle *hdl) {
         return;
     }
     QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "%s, Orch auto sync free begin.", hdl->name);
+    // The queue readers run on the Data thread until the EAL goes last; they
+    // and their monitors (which read the sync-group resource) stop first.
+    ASOrchMergeStopReaders(hdl);
     for (auto release : kReleaseOrder) release(hdl);
     AutoSyncDelModule(hdl->name, hdl->memFree);
     if (hdl->ealHdl != nullptr) QOV_EAL_Destroy(hdl->ealHdl);

@@ -1,5 +1,6 @@
 // Thread registration: the thread mask, and step "RegThread", which names the
 // selected worker threads after the instance and registers them with the EAL.
+#include <bit>
 #include <cstdarg>
 #include <cstring>
 
@@ -44,7 +45,7 @@ extern "C" QOV_AS_API uint32_t ASOrchThreadSet(uint32_t *mask, uint32_t count, .
         else bits |= 1u << kind;
     }
     va_end(ap);
-    if (badKind || static_cast<uint32_t>(__builtin_popcount(bits)) != count) return 1;
+    if (badKind || static_cast<uint32_t>(std::popcount(bits)) != count) return 1;
     *mask = bits;
     return 0;
 }

@@ -37,6 +37,11 @@ void FreeMergeRec(ASOrchHandle *hdl, ASOrchMergeRec *rec) {
 
 }  // namespace
 
+void ASOrchMergeStopReaders(ASOrchHandle *hdl) {
+    if (hdl->mergeHandle == nullptr) return;
+    for (uint32_t i = 0; i < AS_MERGE_PATH_NUM; ++i) StopReader(&ASOrchMergeRecs(hdl)[i]);
+}
+
 void ASOrchFreeMergeMsg(ASOrchHandle *hdl, ASOrchMergeRec *recs) {
     // Both readers stop before anything goes: a reader's handlers may reach
     // the other path through direct dispatch.

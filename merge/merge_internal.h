@@ -55,6 +55,9 @@ const void *ASOrchPubGetKeyPtr(const void *vec);
 // field is cleared after).
 uint32_t ASOrchRegMerge(ASOrchHandle *hdl, const ASOrchBasePara *para);
 void ASOrchFreeMergeHandle(ASOrchHandle *hdl);
+// Takes both queues out of the Data thread's epoll set, waiting for a reader
+// still running there; after it no reader or monitor of the handle runs.
+void ASOrchMergeStopReaders(ASOrchHandle *hdl);
 uint32_t ASOrchMergeIsValid(const ASOrchMergePara *para);
 ASOrchMergeRec *ASOrchCreatMergeHandle(ASOrchHandle *hdl, const ASOrchMergePara *para, uint32_t mergeType);
 ASOrchMergeRec *ASOrchAllocMergeHandle(ASOrchHandle *hdl);

@@ -3,54 +3,37 @@
 // receives, and allocation failure at every point.
 #include <arpa/inet.h>
 
+#include <array>
 #include <cstring>
+#include <map>
 #include <string>
 #include <vector>
 
 #include "core/as_handle.h"
 #include "qov_utils_eal.h"
-#include "support/test_env.h"
+#include "support/reg_env.h"
 
 namespace {
 
 using qovtest::Calls;
 using qovtest::Logs;
 
-uint32_t Handler(ASOrchHandle *, ASOrchMergeMsgVec *) { return 0; }
-uint32_t Hash(const void *key) {
-    const auto *v = static_cast<const ASOrchMergeMsgVec *>(key);
-    return ASOrchMergeHashFunc(v->usrData, 0, v);
-}
-ASOrchMergeMsgDispatch g_tbl[] = {{100, {Handler, Handler, Handler, Handler}}};
-
-// A record that every step accepts: Data thread, sync kind 0, the DAM channel
-// and both merge paths.
-ASOrchBasePara ValidBase() {
-    ASOrchBasePara b{};
-    b.threadMask = 1;
-    b.modStateRsp = 0x1122334455667788ull;
-    b.modStateRspArg = 7;
-    b.syncGrpMsgSet[0] = 0x10;
-    b.rsvPortPara0 = 5;
-    b.rsvPortPara1 = 6;
-    b.chan[0] = {0x1234, 0xAB};
-    b.damMerge = {g_tbl, 1, 64, Hash, 0, 0};
-    b.fesMerge = {g_tbl, 1, 0, Hash, 0, 0};
-    return b;
-}
+using qovtest::Create;
+using qovtest::Destroy;
+using qovtest::g_live;
+using qovtest::ValidBase;
 
 class RegBase : public qovtest::HostTest {
 protected:
     void SetUp() override {
         HostTest::SetUp();
-        ASOrchCreatePara p{0, 0, qovtest::TestAlloc, qovtest::TestFree, 0};
-        hdl_ = ASOrchCreate("orch", &p);
+        g_live.clear();
+        hdl_ = Create("orch");
         ASSERT_NE(hdl_, nullptr);
         QovHostJournalClear();
-        QovHostLogClear();
     }
     void TearDown() override {
-        ASOrchDestroy(hdl_);
+        Destroy(hdl_);
         EXPECT_EQ(qovtest::AllocOutstanding(), 0) << "memory of the handle left after destroy";
         HostTest::TearDown();
     }
@@ -65,7 +48,7 @@ protected:
     ASOrchHandle *hdl_ = nullptr;
 };
 
-const char *const kSteps[] = {"RegThread", "ModStateRsp", "SyncGroup", "ReservePort", "channel", "MergeMQue"};
+const char *const kSteps[] = {"RegThread", "ModStateRsp", "SyncGroup", "ReservePort", "channel", "TblMsg", "MergeMQue"};
 
 TEST_F(RegBase, RunsEveryStepInTableOrderAndForwardsTheRecordWords) {
     ASOrchBasePara b = ValidBase();
@@ -91,19 +74,22 @@ TEST_F(RegBase, RunsEveryStepInTableOrderAndForwardsTheRecordWords) {
 // failure line and no later step reaches the platform.
 struct StepFail {
     uint32_t step;
-    const char *failOp;  // the platform operation made to fail
+    const char *failOp;  // the platform operation made to fail; null: the record is bad
     const char *reason;  // the step's own line, when it writes one
 };
 // The first platform operation each step calls.
-const char *const kStepOps[] = {"QOV_EAL_RegThread", "QOV_EAL_RegModStateRsp", "QOV_EAL_RegSyncGroup",
-                                "QOV_EAL_ReservePort", "QOV_EAL_RegUcChannel", "eventfd_s"};
+const char *const kStepOps[] = {"QOV_EAL_RegThread",   "QOV_EAL_RegModStateRsp", "QOV_EAL_RegSyncGroup",
+                                "QOV_EAL_ReservePort", "QOV_EAL_RegUcChannel",   "QOV_EAL_SelfRoleIsMb",
+                                "eventfd_s"};
 
 class StepFailure : public RegBase, public ::testing::WithParamInterface<StepFail> {};
 
 TEST_P(StepFailure, StopsAtThatStep) {
     const StepFail &c = GetParam();
-    QovHostFailNext(c.failOp, 1, 3);
     ASOrchBasePara b = ValidBase();
+    if (c.failOp != nullptr) QovHostFailNext(c.failOp, 1, 3);
+    else if (c.step == 0) b.threadMask = 6;                  // no Data thread: no name is built
+    else b.recvTblMsgList[0] = b.recvTblMsgList[1];          // a receive id registered twice
     EXPECT_EQ(ASOrchRegBase(hdl_, &b), 1u);
     std::vector<std::string> expected;
     for (uint32_t i = 0; i < c.step; ++i)
@@ -113,35 +99,42 @@ TEST_P(StepFailure, StopsAtThatStep) {
     if (c.reason != nullptr) {
         EXPECT_TRUE(qovtest::HasLine(c.reason)) << c.reason;
     }
-    for (uint32_t i = c.step + 1; i < std::size(kSteps); ++i)
+    const bool noDataThread = c.step == 0 && c.failOp == nullptr;  // refused before the EAL is asked
+    for (uint32_t i = noDataThread ? 0 : c.step + 1; i < std::size(kSteps); ++i)
         EXPECT_EQ(QovHostJournalCountOf(kStepOps[i]), 0u) << kStepOps[i];
     EXPECT_EQ(hdl_->threadMask, c.step == 0 ? 0u : 1u) << "the mask is kept only once the EAL took the threads";
 }
 
 INSTANTIATE_TEST_SUITE_P(Steps, StepFailure,
                          ::testing::Values(StepFail{0, "QOV_EAL_RegThread", "orch, register 1 threads fail"},
+                                           StepFail{0, nullptr, "orch, set threads fail, has not Data thread"},
                                            StepFail{1, "QOV_EAL_RegModStateRsp", nullptr},
                                            StepFail{2, "QOV_EAL_RegSyncGrpMsgSet",
                                                     "orch, syncGrpId = 0, auto sync reg SyncGroupMsgSet Fail."},
                                            StepFail{3, "QOV_EAL_ReservePort", nullptr},
                                            StepFail{4, "QOV_EAL_RegUcChannel", "orch, RegUcChannel orch_DATA_DAM fail."},
-                                           StepFail{5, "eventfd_s", nullptr}),
-                         [](const auto &p) { return std::string(kSteps[p.param.step]); });
+                                           StepFail{5, nullptr, "Orch autosync recv add HashNode(1280) fail"},
+                                           StepFail{6, "eventfd_s", nullptr}),
+                         [](const auto &p) {
+                             return std::string(kSteps[p.param.step]) + (p.param.failOp != nullptr ? "" : "BadRecord");
+                         });
 
 // Allocation number k of the registration fails, for every k until none is
-// left: a failure result each time, and destroy gives everything back.
+// left: a failure result each time, and destroy gives back everything but the
+// registry's blocks.
 TEST_F(RegBase, EveryFailingAllocationIsClean) {
     ASOrchBasePara b = ValidBase();
     const int64_t base = qovtest::AllocOutstanding();  // the fixture's handle
+    const std::map<void *, size_t> before = g_live;
     uint32_t k = 1;
     for (; k < 100; ++k) {
-        ASOrchCreatePara p{0, 0, qovtest::TestAlloc, qovtest::TestFree, 0};
-        ASOrchHandle *h = ASOrchCreate("orchK", &p);
+        QovHostLogClear();
+        ASOrchHandle *h = Create("orchK");
         ASSERT_NE(h, nullptr);
         qovtest::AllocFailAt(qovtest::AllocCount() + k);
         uint32_t r = ASOrchRegBase(h, &b);
         qovtest::AllocFailAt(0);
-        ASOrchDestroy(h);
+        Destroy(h, before);
         ASSERT_EQ(qovtest::AllocOutstanding(), base) << "allocation " << k;
         if (r == 0) break;
     }
@@ -193,36 +186,20 @@ TEST(ThreadSet, BuildsMasksOfDistinctKindsBelow32) {
     EXPECT_EQ(ASOrchThreadSet(nullptr, 1, 0u), 1u);
 }
 
-TEST_F(RegBase, MaskWithoutDataThreadBuildsNoName) {
-    ASOrchBasePara b = ValidBase();
-    b.threadMask = 6;
-    EXPECT_EQ(ASOrchRegBase(hdl_, &b), 1u);
-    EXPECT_EQ(Logs().front(), "orch, set threads fail, has not Data thread");
-    EXPECT_EQ(QovHostJournalCountOf("QOV_EAL_RegThread"), 0u);
-}
-
-// Channels: one record per used slot, completed from the channel table.
+// Channels: one record per used slot, in slot order, completed from the
+// channel table with the instance name, port, thread and the slot's value.
 struct ChanCase {
     const char *name;
     uint32_t mask;
     std::vector<std::pair<uint32_t, uint32_t>> slots;  // slot, realServerPort
-    std::vector<ASOrchChanPara> expected;               // empty: the step fails
+    std::vector<std::array<uint32_t, 3>> expected;     // kind, thread, port; empty: the step fails
     const char *failLine;
 };
-
-ASOrchChanPara Chan(uint32_t idx, const char *name, uint32_t w72, uint32_t thread, uint16_t portBe, uint32_t w120,
-                    uint64_t usr) {
-    ASOrchChanPara p{};
-    p.chanIdx = idx;
-    p.word4 = 0x3FFFFFFF;
-    strncpy(p.chanName, name, sizeof p.chanName - 1);
-    p.word72 = w72;
-    p.chanThreadId = thread;
-    p.serverPort = portBe;
-    p.word120 = w120;
-    p.chanUsrData = usr;
-    return p;
-}
+struct ChanKind {
+    const char *name;
+    uint32_t w72, w120;
+};
+const ChanKind kKinds[] = {{"orch_DATA_DAM", 1, 25}, {"orch_DATA_FES", 1, 25}, {"orch_DATA_UP", 3, 9}, {"orch_EVT", 3, 25}};
 
 class Channels : public RegBase, public ::testing::WithParamInterface<ChanCase> {};
 
@@ -236,46 +213,41 @@ TEST_P(Channels, RecordsCarryNamePortThreadAndUserValue) {
     auto calls = Calls("QOV_EAL_RegUcChannel");
     ASSERT_EQ(calls.size(), c.expected.size());
     for (size_t i = 0; i < calls.size(); ++i) {
-        ASOrchChanPara got;
+        auto [kind, thread, port] = c.expected[i];
+        ASOrchChanPara got, want{};
         ASSERT_EQ(calls[i].recLen, sizeof got);
         memcpy(&got, calls[i].rec, sizeof got);
         ASSERT_NE(got.serverAddrFunc, nullptr);
         EXPECT_EQ(got.serverAddrFunc(), htonl(INADDR_LOOPBACK)) << i;
         got.serverAddrFunc = nullptr;
-        EXPECT_EQ(memcmp(&got, &c.expected[i], sizeof got), 0) << i << " " << got.chanName;
+        want.chanIdx = kind;
+        want.word4 = 0x3FFFFFFF;
+        strcpy(want.chanName, kKinds[kind].name);
+        want.word72 = kKinds[kind].w72;
+        want.chanThreadId = thread;
+        want.serverPort = htons(static_cast<uint16_t>(port));
+        want.word120 = kKinds[kind].w120;
+        want.chanUsrData = 0x100u + kind;
+        EXPECT_EQ(memcmp(&got, &want, sizeof got), 0) << i << " " << got.chanName;
     }
     if (c.failLine != nullptr) {
         EXPECT_TRUE(qovtest::HasLine(c.failLine)) << c.failLine;
     }
+    EXPECT_STREQ(ASGetChnlName(3), "EVT");
+    EXPECT_EQ(ASGetChnlName(4), nullptr);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Slots, Channels,
-    ::testing::Values(
-        ChanCase{"Dam", 1, {{0, 0x1234}}, {Chan(0, "orch_DATA_DAM", 1, 0, htons(0x1234), 25, 0x100)}, nullptr},
-        ChanCase{"FesUpperBitsIgnored", 1, {{1, 0x5000F}}, {Chan(1, "orch_DATA_FES", 1, 0, htons(15), 25, 0x101)},
-                 nullptr},
-        ChanCase{"UpUpperBitsOnlyIsPortZero", 1, {{2, 0x10000}}, {Chan(2, "orch_DATA_UP", 3, 0, 0, 9, 0x102)},
-                 nullptr},
-        ChanCase{"EvtOnEventThread", 5, {{3, 80}}, {Chan(3, "orch_EVT", 3, 2, htons(80), 25, 0x103)}, nullptr},
-        ChanCase{"EvtWithoutEventThread", 1, {{3, 80}}, {Chan(3, "orch_EVT", 3, 0, htons(80), 25, 0x103)}, nullptr},
-        ChanCase{"AllInSlotOrder",
-                 7,
-                 {{3, 4}, {0, 1}, {2, 3}, {1, 2}},
-                 {Chan(0, "orch_DATA_DAM", 1, 0, htons(1), 25, 0x100), Chan(1, "orch_DATA_FES", 1, 0, htons(2), 25, 0x101),
-                  Chan(2, "orch_DATA_UP", 3, 0, htons(3), 9, 0x102), Chan(3, "orch_EVT", 3, 2, htons(4), 25, 0x103)},
-                 nullptr},
-        ChanCase{"NoSlotUsed", 1, {}, {}, "orch, no valid realServerPort."},
-        ChanCase{"Slot5RefusedBeforeTheEal", 1, {{5, 9}}, {}, "orch, chan slot 5 has no channel kind."}),
+    ::testing::Values(ChanCase{"Dam", 1, {{0, 0x1234}}, {{0, 0, 0x1234}}, nullptr},
+                      ChanCase{"FesUpperBitsIgnored", 1, {{1, 0x5000F}}, {{1, 0, 15}}, nullptr},
+                      ChanCase{"UpUpperBitsOnlyIsPortZero", 1, {{2, 0x10000}}, {{2, 0, 0}}, nullptr},
+                      ChanCase{"EvtOnEventThread", 5, {{3, 80}}, {{3, 2, 80}}, nullptr},
+                      ChanCase{"EvtWithoutEventThread", 1, {{3, 80}}, {{3, 0, 80}}, nullptr},
+                      ChanCase{"AllInSlotOrder", 7, {{3, 4}, {0, 1}, {2, 3}, {1, 2}},
+                               {{0, 0, 1}, {1, 0, 2}, {2, 0, 3}, {3, 2, 4}}, nullptr},
+                      ChanCase{"NoSlotUsed", 1, {}, {}, "orch, no valid realServerPort."},
+                      ChanCase{"Slot5RefusedBeforeTheEal", 1, {{5, 9}}, {}, "orch, chan slot 5 has no channel kind."}),
     [](const auto &p) { return std::string(p.param.name); });
-
-TEST(ChannelNames, ShortNamesOfTheFourKindsOnly) {
-    const char *const expected[] = {"DAM", "FES", "UP", "EVT", nullptr, nullptr, nullptr, nullptr, nullptr};
-    for (uint32_t i = 0; i < std::size(expected); ++i) {
-        const char *got = ASGetChnlName(i);
-        EXPECT_TRUE(got == expected[i] || (got != nullptr && expected[i] != nullptr && strcmp(got, expected[i]) == 0))
-            << i;
-    }
-}
 
 }  // namespace

@@ -1,7 +1,6 @@
 // High/low-water monitor: which source is pressed and then released, by role.
 #include "merge_fixture.h"
 #include "qov_utils_eal.h"
-#include "syncgrp/syncgrp_internal.h"
 
 namespace {
 
@@ -12,32 +11,25 @@ constexpr char kAdvice[] = "orchM, mb mque high water. suggest config syncGrp sy
 
 struct Case {
     uint32_t isMb, path, threadMask;
-    bool syncGrp;  // give the handle sync group kind 0 (id 2)
+    bool syncGrp;  // register the sync groups (kind 0 gets id 0)
     bool destroy;  // destroy the handle while over high water instead of reading
 };
 
 class MonitorTest : public mergetest::MergeTest, public ::testing::WithParamInterface<Case> {
 protected:
+    // Registers through ASOrchRegBase (channels DAM and FES, sync group kind 0,
+    // which gets id 0), or only the merge step when there is to be no group.
     void Arrange(const Case &c) {
         QovHostSetRoleMb(c.isMb);
-        for (uint32_t idx : {0u, 1u}) {
-            QOV_EAL_ChanPara cp{};
-            cp.chanIdx = idx;
-            ASSERT_EQ(QOV_EAL_RegUcChannel(hdl_->ealHdl, &cp, 1), 0u);
-        }
-        if (c.syncGrp) {
-            auto *res = static_cast<ASOrchSyncGrpRes *>(hdl_->memAlloc(sizeof(ASOrchSyncGrpRes)));
-            *res = {1, 1, {2, AS_SYNC_GRP_ID_NONE, AS_SYNC_GRP_ID_NONE, AS_SYNC_GRP_ID_NONE}};
-            hdl_->syncGrpRes = res;
-            QOV_EAL_SyncGrpItem item{};
-            item.grpId = 2;
-            ASSERT_EQ(QOV_EAL_RegSyncGroup(hdl_->ealHdl, &item, 1), 0u);
-        }
-        ASOrchMergePara dam = mergetest::DamPara(), fes = mergetest::FesPara();
-        dam.highWater = fes.highWater = 4;
-        dam.lowWater = fes.lowWater = 2;
-        ASSERT_EQ(Reg(dam, fes), 0u);
-        hdl_->threadMask = c.threadMask;
+        ASOrchBasePara b{};
+        b.threadMask = c.threadMask;
+        b.syncGrpMsgSet[0] = 1;
+        b.chan[0].realServerPort = b.chan[1].realServerPort = 7000;
+        b.damMerge = mergetest::DamPara();
+        b.fesMerge = mergetest::FesPara();
+        b.damMerge.highWater = b.fesMerge.highWater = 4;
+        b.damMerge.lowWater = b.fesMerge.lowWater = 2;
+        ASSERT_EQ(c.syncGrp || c.isMb ? ASOrchRegBase(hdl_, &b) : Reg(b.damMerge, b.fesMerge), 0u);
         QovHostJournalClear();
     }
 };
@@ -48,9 +40,9 @@ TEST_P(MonitorTest, OverloadPressesSourceAndDrainReleasesIt) {
     Arrange(c);
     const char *press = c.isMb ? "QOV_CHAN_BackPress" : "QOV_EAL_SyncBackPress";
     const char *release = c.isMb ? "QOV_CHAN_UnBackPress" : "QOV_EAL_SyncUnBackPress";
-    // The channel handle, or (eal, group id 2).
+    // The channel handle, or (eal, group id 0).
     auto target = [&](const QovHostCall &call) { return c.isMb ? call.arg[0] : call.arg[1]; };
-    uint64_t want = c.isMb ? reinterpret_cast<uint64_t>(QOV_EAL_GetChannelHdl(hdl_->ealHdl, c.path)) : 2;
+    uint64_t want = c.isMb ? reinterpret_cast<uint64_t>(QOV_EAL_GetChannelHdl(hdl_->ealHdl, c.path)) : 0;
 
     for (int i = 0; i < 5; ++i) ASSERT_EQ(Put(c.path, 100, 0, std::to_string(i)), 0u);
     EXPECT_TRUE(HasLine("Orch autosync MQUE monitor : 0, channelId " + std::to_string(c.path) + "."));
