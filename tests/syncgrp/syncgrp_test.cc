@@ -165,7 +165,8 @@ TEST_F(SyncGrp, SendingAddressesTheKindsGroup) {
                              "UNKONWN, Orch autosync msg Fail, sync groupid Fail msgType = 0",  // sic
                              "UNKONWN, Orch autosync msg Fail, sync group res is NULL"})
         EXPECT_TRUE(HasLine(line)) << line;
-    EXPECT_EQ(ASOrchSyncIsSyncReadyOnlyTarn(hdl_, 0), 1u);
+    QovHostFailNext("QOV_EAL_IsSyncReadyOnlyTarn", 1, 1);  // the host answers 1 only for a linked peer
+    EXPECT_EQ(ASOrchSyncIsSyncReadyOnlyTarn(hdl_, 0), 1u) << "the EAL's answer is passed through";
     EXPECT_EQ(ASOrchSyncIsSyncReadyOnlyTarn(hdl_, 2), 0u);
     auto ready = Calls("QOV_EAL_IsSyncReadyOnlyTarn");
     ASSERT_EQ(ready.size(), 1u) << "an unconfigured kind asks nothing";

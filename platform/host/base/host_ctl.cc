@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "host_internal.h"
+#include "qov_host_api.h"
 #include "qov_host_ctl.h"
 
 namespace {
@@ -55,6 +56,7 @@ std::atomic<uint32_t> g_slot{1};
 std::atomic<uint32_t> g_cpu{0};
 std::atomic<uint32_t> g_orchId{0};
 std::atomic<int> g_orchIdEntry{1};
+std::atomic<uint32_t> g_frameMax{QOV_HOST_FRAME_MAX_DEFAULT};
 std::atomic<uint32_t> g_faultsArmed{0};
 }  // namespace qovhost
 
@@ -177,6 +179,14 @@ QOV_PLAT_API void QovHostSetCpu(uint32_t cpu) { qovhost::g_cpu = cpu; }
 QOV_PLAT_API void QovHostSetOrchId(uint32_t orchId) { qovhost::g_orchId = orchId; }
 QOV_PLAT_API void QovHostSetOrchIdEntry(int present) { qovhost::g_orchIdEntry = present; }
 
+QOV_PLAT_API int QovHostSetFrameMax(uint32_t maxBody) {
+    if (maxBody == 0 || maxBody > QOV_HOST_FRAME_MAX_LIMIT) return -1;
+    qovhost::g_frameMax = maxBody;
+    return 0;
+}
+
+QOV_PLAT_API uint32_t QovHostFrameMax(void) { return qovhost::g_frameMax.load(); }
+
 QOV_PLAT_API void QovHostReset(void) {
     QovHostLogClear();
     QovHostJournalClear();
@@ -189,6 +199,7 @@ QOV_PLAT_API void QovHostReset(void) {
     qovhost::g_cpu = 0;
     qovhost::g_orchId = 0;
     qovhost::g_orchIdEntry = 1;
+    qovhost::g_frameMax = QOV_HOST_FRAME_MAX_DEFAULT;
 }
 
 }  // extern "C"
