@@ -1,0 +1,43 @@
+# Installs the built tree into a scratch prefix, then builds and runs the C
+# orchestrator of this folder against it, once through find_package and once
+# through pkg-config. Run by ctest with -D BUILD_DIR, SRC_DIR, WORK_DIR, CC,
+# C_FLAGS (the sanitizer flags of the tree), LIBDIR, SOVERSION, OBJDUMP.
+function(run what)
+  execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE out)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "${what} failed (${rc}):\n${out}")
+  endif()
+  set(out "${out}" PARENT_SCOPE)
+endfunction()
+
+file(REMOVE_RECURSE ${WORK_DIR})
+set(prefix ${WORK_DIR}/prefix)
+run("install" ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
+file(GLOB_RECURSE ctl_headers ${prefix}/*qov_host_ctl.h)
+if(ctl_headers)
+  message(FATAL_ERROR "the host control header was installed: ${ctl_headers}")
+endif()
+
+# find_package, the way an orchestrator's CMake project uses the package.
+run("configure with find_package" ${CMAKE_COMMAND} -S ${SRC_DIR} -B ${WORK_DIR}/cmake-build
+    -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_C_COMPILER=${CC} "-DCMAKE_C_FLAGS=${C_FLAGS}")
+run("build with find_package" ${CMAKE_COMMAND} --build ${WORK_DIR}/cmake-build)
+run("orchestrator built with find_package" ${WORK_DIR}/cmake-build/orch_min)
+
+# pkg-config, the way a Makefile uses it; the prefix is not on the loader's path.
+set(ENV{PKG_CONFIG_PATH} ${prefix}/${LIBDIR}/pkgconfig)
+run("pkg-config" pkg-config --cflags --libs qov_autosync_orch)
+separate_arguments(pc_flags UNIX_COMMAND "${out}")
+separate_arguments(san_flags UNIX_COMMAND "${C_FLAGS}")
+run("build with pkg-config" ${CC} -std=c11 -pedantic -Wall -Wextra -Werror ${san_flags}
+    ${SRC_DIR}/orch_min.c -o ${WORK_DIR}/orch_min_pc ${pc_flags})
+set(ENV{LD_LIBRARY_PATH} ${prefix}/${LIBDIR})
+run("orchestrator built with pkg-config" ${WORK_DIR}/orch_min_pc)
+
+# Both programs must load the library by its versioned name.
+foreach(exe ${WORK_DIR}/cmake-build/orch_min ${WORK_DIR}/orch_min_pc)
+  run("objdump" ${OBJDUMP} -p ${exe})
+  if(NOT out MATCHES "NEEDED +libqov_autosync_orch\\.so\\.${SOVERSION}\n")
+    message(FATAL_ERROR "${exe} does not need libqov_autosync_orch.so.${SOVERSION}:\n${out}")
+  endif()
+endforeach()
