@@ -15,14 +15,22 @@ set_target_properties(qov_autosync_orch PROPERTIES
 foreach(part base eal smooth)
   set_target_properties(qov_utils_${part} PROPERTIES EXPORT_NAME utils_${part})
 endforeach()
+set_target_properties(qov_host_api PROPERTIES EXPORT_NAME host_api)
 set(QOV_INSTALL_TARGETS qov_autosync_orch qov_utils_base qov_utils_eal qov_utils_smooth)
+# The source folders the targets name are this tree's; installed users get the
+# install folder instead (INCLUDES DESTINATION below).
+foreach(target ${QOV_INSTALL_TARGETS} qov_host_api)
+  get_target_property(dirs ${target} INTERFACE_INCLUDE_DIRECTORIES)
+  set_property(TARGET ${target} PROPERTY INTERFACE_INCLUDE_DIRECTORIES "$<BUILD_INTERFACE:${dirs}>")
+endforeach()
 # The libraries find each other in the folder they are installed in.
 set_target_properties(${QOV_INSTALL_TARGETS} PROPERTIES INSTALL_RPATH "$ORIGIN")
 
-install(TARGETS ${QOV_INSTALL_TARGETS} EXPORT qov_autosync_orch_targets
+install(TARGETS ${QOV_INSTALL_TARGETS} qov_host_api EXPORT qov_autosync_orch_targets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   INCLUDES DESTINATION ${QOV_INSTALL_INCLUDEDIR})
-file(GLOB QOV_PUBLIC_HEADERS CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/include/*.h ${PROJECT_SOURCE_DIR}/platform/*.h)
+file(GLOB QOV_PUBLIC_HEADERS CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/include/*.h ${PROJECT_SOURCE_DIR}/platform/*.h
+  ${PROJECT_SOURCE_DIR}/platform/host/api/*.h)
 install(FILES ${QOV_PUBLIC_HEADERS} DESTINATION ${QOV_INSTALL_INCLUDEDIR})
 
 install(EXPORT qov_autosync_orch_targets NAMESPACE qov:: DESTINATION ${QOV_INSTALL_CMAKEDIR}
