@@ -1,8 +1,10 @@
-/* qov_broker: the example broker as a program of its own. It listens on a
- * loopback port, waits for one orchestrator channel, streams the route-table
- * workload and reports what it sent and how long the orchestrator held it back. */
+/* qov_broker: the example broker as a program of its own. It listens on two
+ * loopback ports (DAM and FES path), waits for the orchestrator's channel on
+ * each, streams the route-table workload of each path on its own thread, and
+ * reports what it sent and how long the orchestrator held it back. */
 #include <errno.h>
 #include <inttypes.h>
+#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -10,11 +12,29 @@
 
 #include "qov_broker.h"
 
+typedef struct Path {
+    uint16_t port;
+    int fd;
+    QovBrokerPara para;
+    QovRouteWorkload wl;
+    QovBrokerStats stats;
+    pthread_t thread;
+    int rc;
+} Path;
+
+static void *Serve(void *arg) {
+    Path *p = arg;
+    p->rc = QovBrokerServe(p->fd, &p->para, &p->wl, &p->stats, NULL);
+    return NULL;
+}
+
 static const char g_usage[] =
     "usage: qov_broker [options]\n"
-    "  --port N        loopback TCP port to listen on (default 47470, 0: any free port)\n"
+    "  --port N        loopback TCP port of the DAM path, N+1 is the FES path's\n"
+    "                  (default 47470; 0: any free ports)\n"
     "  --keys N        route keys in the table (default 100000, at least 4)\n"
-    "  --rate N        messages per second in the steady phase (default 20000, 0: unlimited)\n"
+    "  --rate N        messages per second in the steady phase, three quarters DAM, one\n"
+    "                  quarter FES (default 20000, 0: unlimited)\n"
     "  --duration MS   steady plus flood phase after the initial fill (default 5000)\n"
     "  --flood MS      last part of the duration sent as fast as possible (default 1500)\n"
     "  --transfer N    route rows of the transfer message at the end (default 64, 0: none)\n"
@@ -43,7 +63,7 @@ int main(int argc, char **argv) {
         uint64_t *value;
         uint64_t lo, hi;
     } opts[] = {
-        {"--port", &port, 0, 65535},           {"--keys", &keys, 4, 1u << 26},
+        {"--port", &port, 0, 65534},           {"--keys", &keys, 4, 1u << 26},
         {"--rate", &rate, 0, 100000000},       {"--duration", &duration, 0, 86400000},
         {"--flood", &flood, 0, 86400000},      {"--transfer", &rows, 0, 1024},
         {"--seed", &seed, 0, UINT64_MAX},      {"--accept", &accept, 0, 86400000},
@@ -62,31 +82,42 @@ int main(int argc, char **argv) {
         }
     }
 
-    uint32_t *seq = malloc(keys * sizeof(*seq));
-    uint8_t *lastOp = malloc(keys);
-    uint16_t listenPort = (uint16_t)port;
-    int fd = seq != NULL && lastOp != NULL ? QovBrokerListen(&listenPort) : -1;
-    if (fd < 0) {
-        free(seq);
-        free(lastOp);
-        return 1;
+    uint32_t *seq = calloc(keys, sizeof(*seq));
+    uint8_t *lastOp = calloc(keys, 1);
+    Path paths[2];
+    int ok = seq != NULL && lastOp != NULL;
+    for (uint32_t fes = 0; fes < 2; ++fes) {
+        Path *p = &paths[fes];
+        memset(p, 0, sizeof(*p));
+        p->port = port == 0 ? 0 : (uint16_t)(port + fes);
+        p->fd = ok ? QovBrokerListen(&p->port) : -1;
+        ok = ok && p->fd >= 0;
+        p->para = (QovBrokerPara){(uint32_t)(fes ? rate / 4 : rate - rate / 4), (uint32_t)duration, (uint32_t)flood,
+                                  (uint32_t)rows, (uint32_t)accept};
+        if (ok) QovWlInit(&p->wl, (uint32_t)keys, seed, fes, seq, lastOp);
     }
-    printf("qov_broker: listening on 127.0.0.1:%u, %" PRIu64 " keys, seed %" PRIu64 "\n", listenPort, keys, seed);
-    fflush(stdout);
-
-    QovRouteWorkload wl;
-    QovWlInit(&wl, (uint32_t)keys, seed, seq, lastOp);
-    QovBrokerPara para = {(uint32_t)rate, (uint32_t)duration, (uint32_t)flood, (uint32_t)rows, (uint32_t)accept};
-    static QovBrokerStats stats;
-    int rc = QovBrokerServe(fd, &para, &wl, &stats, NULL);
-    double secs = (double)atomic_load(&stats.streamUs) / 1e6 + 1e-9;
-    close(fd);
-
-    printf("qov_broker: %s; %" PRIu64 " messages, %" PRIu64 " entries, %.1f MB in %.2f s "
-           "(%.0f msg/s, %.0f entries/s), blocked by the orchestrator %.2f s; final table digest %016" PRIx64 "\n",
-           rc == 0 ? "stream complete" : "stream cut short", wl.msgs, wl.entries,
-           (double)atomic_load(&stats.bytes) / 1e6, secs, (double)wl.msgs / secs, (double)wl.entries / secs,
-           (double)atomic_load(&stats.blockedUs) / 1e6, QovWlDigest(wl.keys, seq, lastOp));
+    if (ok) {
+        printf("qov_broker: listening on 127.0.0.1:%u (DAM) and 127.0.0.1:%u (FES), %" PRIu64 " keys, seed %" PRIu64 "\n",
+               paths[0].port, paths[1].port, keys, seed);
+        fflush(stdout);
+    }
+    int started = 0;
+    for (; ok && started < 2; ++started) ok = pthread_create(&paths[started].thread, NULL, Serve, &paths[started]) == 0;
+    int rc = ok ? 0 : 1;
+    for (int i = 0; i < started; ++i) {
+        pthread_join(paths[i].thread, NULL);
+        Path *p = &paths[i];
+        double secs = (double)atomic_load(&p->stats.streamUs) / 1e6 + 1e-9;
+        printf("qov_broker: %s %s; %" PRIu64 " messages, %" PRIu64 " entries, %.1f MB in %.2f s (%.0f msg/s, "
+               "%.0f entries/s), held back by the orchestrator %.2f s; final table digest %016" PRIx64 "\n",
+               i ? "FES" : "DAM", p->rc == 0 ? "stream complete" : "stream cut short", p->wl.msgs, p->wl.entries,
+               (double)atomic_load(&p->stats.bytes) / 1e6, secs, (double)p->wl.msgs / secs,
+               (double)p->wl.entries / secs, (double)atomic_load(&p->stats.blockedUs) / 1e6,
+               QovWlDigest(p->wl.keys, (uint32_t)i, seq, lastOp));
+        rc |= p->rc;
+    }
+    for (int i = 0; i < 2; ++i)
+        if (paths[i].fd >= 0) close(paths[i].fd);
     free(seq);
     free(lastOp);
     return rc;

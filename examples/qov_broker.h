@@ -1,6 +1,7 @@
-/* The example broker: listens on a loopback TCP port, takes one orchestrator
- * channel, and streams the route-table workload to it in the host's frames.
- * Used by the qov_broker program and, as a thread, by the orchestrator demo. */
+/* The example broker: one loopback TCP listener per path (DAM and FES), each
+ * taking the orchestrator's channel of that path and streaming the path's
+ * route-table workload to it in the host's frames. Used by the qov_broker
+ * program and, as two threads, by the orchestrator demo. */
 #ifndef QOV_BROKER_H
 #define QOV_BROKER_H
 
@@ -10,7 +11,7 @@
 #include "qov_route_workload.h"
 
 typedef struct QovBrokerPara {
-    uint32_t rate;         /* messages per second in the steady phase, 0: as fast as it goes */
+    uint32_t rate;         /* messages per second of this path in the steady phase, 0: as fast as it goes */
     uint32_t durationMs;   /* steady phase plus flood phase, after the initial fill */
     uint32_t floodMs;      /* last part of the duration, sent as fast as it goes */
     uint32_t transferRows; /* route rows of the transfer message sent at the end, 0: none */
@@ -33,7 +34,8 @@ enum { QOV_BROKER_WAITING, QOV_BROKER_FILL, QOV_BROKER_STEADY, QOV_BROKER_FLOOD,
 int QovBrokerListen(uint16_t *port);
 
 /* Accepts one connection on listenFd and streams wl to it (initial fill,
- * steady phase, flood phase, the transfer message, the end-of-stream message),
+ * steady phase, flood phase, on the DAM path the transfer message, the
+ * end-of-stream message),
  * then waits for the orchestrator to close the connection. stop, when it
  * becomes non-zero, ends the stream early. 0 when the whole stream went out,
  * 1 otherwise (no peer, peer gone, stopped). */

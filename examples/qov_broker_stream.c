@@ -6,6 +6,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <time.h>
@@ -126,12 +127,12 @@ static int StreamAll(Stream *s, const QovBrokerPara *para, QovRouteWorkload *wl)
     atomic_store(&s->stats->phase, QOV_BROKER_FLOOD);
     if (StreamTimed(s, wl, 0, start + para->durationMs * 1000ull) != 0) return 1;
 
-    if (para->transferRows != 0) {
-        static uint8_t body[24 + TRANSFER_ROWS_MAX * sizeof(QovRouteEntry) + 12 + 52];
+    if (para->transferRows != 0 && !wl->fes) { /* the transfer table is the DAM path's */
+        uint8_t body[24 + TRANSFER_ROWS_MAX * sizeof(QovRouteEntry) + 12 + 52];
         uint32_t rows = para->transferRows < TRANSFER_ROWS_MAX ? para->transferRows : TRANSFER_ROWS_MAX;
         if (Put(s, QOV_WL_MSG_TRANS, body, QovWlTransfer(body, rows, wl)) != 0) return 1;
     }
-    uint64_t end[3] = {wl->msgs, wl->entries, QovWlDigest(wl->keys, wl->seq, wl->lastOp)};
+    uint64_t end[3] = {wl->msgs, wl->entries, QovWlDigest(wl->keys, wl->fes, wl->seq, wl->lastOp)};
     if (Put(s, QOV_WL_MSG_END, end, sizeof(end)) != 0) return 1;
     return Flush(s);
 }
@@ -147,7 +148,6 @@ static void AwaitClose(int fd, _Atomic int *stop) {
 
 int QovBrokerServe(int listenFd, const QovBrokerPara *para, QovRouteWorkload *wl, QovBrokerStats *stats,
                    _Atomic int *stop) {
-    static Stream s; /* one stream at a time; its buffer is large */
     atomic_store(&stats->phase, QOV_BROKER_WAITING);
     int fd = -1;
     for (uint32_t waited = 0; fd < 0 && waited < para->acceptMs && (stop == NULL || atomic_load(stop) == 0);
@@ -159,12 +159,18 @@ int QovBrokerServe(int listenFd, const QovBrokerPara *para, QovRouteWorkload *wl
         fprintf(stderr, "broker: no orchestrator connected\n");
         return 1;
     }
-    s.fd = fd;
-    s.used = 0;
-    s.stats = stats;
-    s.stop = stop;
+    Stream *s = malloc(sizeof(*s));
+    if (s == NULL) {
+        close(fd);
+        return 1;
+    }
+    s->fd = fd;
+    s->used = 0;
+    s->stats = stats;
+    s->stop = stop;
     uint64_t t0 = QovBrokerNowUs();
-    int rc = StreamAll(&s, para, wl);
+    int rc = StreamAll(s, para, wl);
+    free(s);
     atomic_store(&stats->streamUs, QovBrokerNowUs() - t0);
     atomic_store(&stats->phase, QOV_BROKER_DONE);
     if (rc == 0) AwaitClose(fd, stop);

@@ -4,8 +4,8 @@
  *
  * Keys are 16-byte route prefixes; an entry is the prefix followed by next hop,
  * interface, the key's sequence number (its "value") and the broker's send time.
- * One quarter of the keys belong to the FES path, the rest to the DAM path. Each
- * path has two receive messages under one merge message id: "set" (registered
+ * One quarter of the keys belong to the FES path, the rest to the DAM path; each
+ * path has a stream (a channel) of its own. Each path has two receive messages under one merge message id: "set" (registered
  * with mergeOp 0, add or update) and "delete" (mergeOp 1). A receive body is an
  * 8-byte prefix followed by up to 32 entries. */
 #ifndef QOV_ROUTE_WORKLOAD_H
@@ -30,7 +30,8 @@
 /* Transfer message (an id of the transfer range) and its route table. */
 #define QOV_WL_MSG_TRANS 0x7F7F7F71u
 #define QOV_WL_TRANS_TABLE 0x61u
-/* End of stream, not a table message: u64 messages, u64 entries, u64 digest. */
+/* End of a path's stream, not a table message: u64 messages, u64 entries, u64
+ * digest of the path's final table. */
 #define QOV_WL_MSG_END 0x5F000000u
 
 typedef struct QovRouteEntry {
@@ -46,12 +47,15 @@ _Static_assert(offsetof(QovRouteEntry, seq) == 24, "seq follows next hop and int
 /* The last operation sent for a key: none yet, set (add/update) or delete. */
 enum { QOV_WL_NONE = 0, QOV_WL_SET = 1, QOV_WL_DEL = 2 };
 
+/* The workload of one path. The per-key arrays are shared by the workloads of
+ * both paths (each writes only its own keys) and start zeroed. */
 typedef struct QovRouteWorkload {
     uint64_t rng;
     uint32_t keys;
+    uint32_t fes;      /* 1: the FES path's keys and messages, 0: the DAM path's */
     uint32_t fillNext; /* next key of the initial fill */
-    uint32_t *seq;     /* per key, caller's array of `keys` elements */
-    uint8_t *lastOp;   /* per key, caller's array of `keys` elements */
+    uint32_t *seq;     /* per key: `keys` elements */
+    uint8_t *lastOp;   /* per key: `keys` elements */
     uint64_t msgs, entries;
 } QovRouteWorkload;
 
@@ -83,19 +87,19 @@ static inline uint32_t QovWlKeyOf(const uint8_t prefix[QOV_WL_KEY_SIZE], uint32_
     return prefix[0] == 0x20 && prefix[1] == 0x01 && key < keys ? key : UINT32_MAX;
 }
 
-static inline void QovWlInit(QovRouteWorkload *wl, uint32_t keys, uint64_t seed, uint32_t *seq, uint8_t *lastOp) {
+static inline void QovWlInit(QovRouteWorkload *wl, uint32_t keys, uint64_t seed, uint32_t fes, uint32_t *seq,
+                             uint8_t *lastOp) {
     memset(wl, 0, sizeof(*wl));
-    wl->rng = seed * 0x9E3779B97F4A7C15ULL + 1;
+    wl->rng = (seed * 2u + fes + 1u) * 0x9E3779B97F4A7C15ULL;
     wl->keys = keys;
+    wl->fes = fes;
     wl->seq = seq;
     wl->lastOp = lastOp;
-    memset(seq, 0, keys * sizeof(*seq));
-    memset(lastOp, 0, keys);
 }
 
 /* A key of the given path: half the picks fall on a hot sixteenth of the keys,
  * so that updates meet queued entries of the same key. */
-static inline uint32_t QovWlPick(QovRouteWorkload *wl, int fes) {
+static inline uint32_t QovWlPick(QovRouteWorkload *wl, uint32_t fes) {
     uint64_t r = QovWlRand(wl);
     uint32_t span = (r & 1u) ? wl->keys : (wl->keys / 16u > 4u ? wl->keys / 16u : wl->keys);
     uint32_t key = (uint32_t)((r >> 8) % span);
@@ -103,14 +107,15 @@ static inline uint32_t QovWlPick(QovRouteWorkload *wl, int fes) {
     return key < wl->keys ? key : (fes ? 3u : 0u);
 }
 
-/* Builds the next receive message into body (QOV_WL_BODY_MAX bytes): the initial
- * fill first (every key set once, in order), then a mix of sets and deletes on
+/* Builds the next receive message of the path into body (QOV_WL_BODY_MAX
+ * bytes): the initial fill first (every key of the path set once, in order), then a mix of sets and deletes on
  * random keys, sometimes the same key several times in one message. Returns the
  * message id; *len is the body length. */
 static inline uint32_t QovWlNext(QovRouteWorkload *wl, uint8_t *body, uint32_t *len, uint32_t nowUs) {
     uint64_t r = QovWlRand(wl);
+    uint32_t fes = wl->fes;
+    while (wl->fillNext < wl->keys && (uint32_t)QovWlIsFes(wl->fillNext) != fes) ++wl->fillNext;
     int filling = wl->fillNext < wl->keys;
-    int fes = filling ? QovWlIsFes(wl->fillNext) : (r % 4u == 0u);
     int del = !filling && (r >> 8) % 5u == 0u; /* one message in five deletes */
     uint32_t n = filling ? QOV_WL_BATCH_MAX : 1u + (uint32_t)((r >> 16) % QOV_WL_BATCH_MAX);
     uint32_t count = 0;
@@ -118,7 +123,7 @@ static inline uint32_t QovWlNext(QovRouteWorkload *wl, uint8_t *body, uint32_t *
     for (uint32_t i = 0; i < n; ++i) {
         uint32_t key;
         if (filling) {
-            while (wl->fillNext < wl->keys && QovWlIsFes(wl->fillNext) != fes) ++wl->fillNext;
+            while (wl->fillNext < wl->keys && (uint32_t)QovWlIsFes(wl->fillNext) != fes) ++wl->fillNext;
             if (wl->fillNext >= wl->keys) break;
             key = wl->fillNext++;
         } else {
@@ -141,11 +146,12 @@ static inline uint32_t QovWlNext(QovRouteWorkload *wl, uint8_t *body, uint32_t *
     return del ? QOV_WL_MSG_DAM_DEL : QOV_WL_MSG_DAM_SET;
 }
 
-/* FNV-1a over every key's (index, last operation, value): equal digests mean
- * the receiver ended with the broker's final table. */
-static inline uint64_t QovWlDigest(uint32_t keys, const uint32_t *seq, const uint8_t *lastOp) {
+/* FNV-1a over (index, last operation, value) of every key of one path: equal
+ * digests mean the receiver ended with the broker's final table of that path. */
+static inline uint64_t QovWlDigest(uint32_t keys, uint32_t fes, const uint32_t *seq, const uint8_t *lastOp) {
     uint64_t h = 0xCBF29CE484222325ULL;
     for (uint32_t k = 0; k < keys; ++k) {
+        if ((uint32_t)QovWlIsFes(k) != fes) continue;
         uint32_t words[3] = {k, lastOp[k], seq[k]};
         const uint8_t *b = (const uint8_t *)words;
         for (size_t i = 0; i < sizeof(words); ++i) h = (h ^ b[i]) * 0x100000001B3ULL;
@@ -156,23 +162,24 @@ static inline uint64_t QovWlDigest(uint32_t keys, const uint32_t *seq, const uin
 static inline void QovWlPut32(uint8_t *p, uint32_t v) { memcpy(p, &v, sizeof(v)); }
 
 /* A transfer message as sent after a restart: one TLV of route-table data (up to
- * `rows` entries of the first keys) and one smoothing run for the same table:
+ * `rows` entries of the path's first keys, as last sent) and one smoothing run for the same table:
  * class state begin, PID state, class state end. Returns the body length; body
  * must hold 12 + 12 + rows * 32 + 12 + 52 bytes. */
 static inline uint32_t QovWlTransfer(uint8_t *body, uint32_t rows, const QovRouteWorkload *wl) {
-    uint32_t off = 12;
-    if (rows > wl->keys) rows = wl->keys;
-    QovWlPut32(body + off, QOV_WL_TRANS_TABLE);
-    QovWlPut32(body + off + 4, 1); /* table data, entries of the registered size */
-    QovWlPut32(body + off + 8, rows * (uint32_t)sizeof(QovRouteEntry));
-    off += 12;
-    for (uint32_t k = 0; k < rows; ++k, off += (uint32_t)sizeof(QovRouteEntry)) {
+    uint32_t off = 24, sent = 0;
+    for (uint32_t k = 0; k < wl->keys && sent < rows; ++k) {
+        if ((uint32_t)QovWlIsFes(k) != wl->fes) continue;
         QovRouteEntry e;
         memset(&e, 0, sizeof(e));
         QovWlPrefix(k, e.prefix);
         e.seq = wl->seq[k];
         memcpy(body + off, &e, sizeof(e));
+        off += (uint32_t)sizeof(e);
+        ++sent;
     }
+    QovWlPut32(body + 12, QOV_WL_TRANS_TABLE);
+    QovWlPut32(body + 16, 1); /* table data, entries of the registered size */
+    QovWlPut32(body + 20, sent * (uint32_t)sizeof(QovRouteEntry));
     static const uint32_t run[][2] = {{7, 16}, {15, 20}, {8, 16}}; /* {type, length} */
     QovWlPut32(body + off, QOV_WL_TRANS_TABLE);
     QovWlPut32(body + off + 4, 100); /* not table data: a run of smoothing TLVs */
