@@ -2,12 +2,30 @@
 // down. It knows every subsystem through its internal header; none of them
 // knows it.
 #include "core/as_handle.h"
+#include "core/as_reg.h"
 #include "inbound/inbound_internal.h"
 #include "merge/merge_internal.h"
 #include "qov_utils_eal.h"
 #include "syncgrp/syncgrp_internal.h"
 
 namespace {
+
+// The steps of ASOrchRegBase, in the order their dependencies need: channels
+// read the thread mask that "RegThread" records in the handle, and the merge
+// queues' monitors back-press the sync group of "SyncGroup".
+struct BaseStep {
+    const char *name;
+    uint32_t (*func)(ASOrchHandle *hdl, const ASOrchBasePara *para);
+};
+
+constexpr BaseStep kBaseSteps[] = {
+    {"RegThread", ASOrchRegThread},
+    {"ModStateRsp", ASOrchRegModStateRsp},
+    {"SyncGroup", ASOrchRegSyncGrpBase},
+    {"ReservePort", ASOrchReservePort},
+    {"channel", ASOrchRegBaseChan},
+    {"MergeMQue", ASOrchRegMerge},
+};
 
 // What ASOrchDestroy releases, in this order; each release does nothing for a
 // part that was never registered.
@@ -19,7 +37,27 @@ constexpr void (*kReleaseOrder[])(ASOrchHandle *) = {
 
 }  // namespace
 
+uint32_t ASOrchBaseProc(ASOrchHandle *hdl, const ASOrchBasePara *para) {
+    for (const BaseStep &step : kBaseSteps) {
+        if (step.func(hdl, para) != 0) {
+            QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Register Orch autosync base Fail, %s fail", hdl->name, step.name);
+            return 1;
+        }
+        QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "%s, Register Orch autosync base, %s ok", hdl->name, step.name);
+    }
+    QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "%s, Orch autosync register base success", hdl->name);
+    return 0;
+}
+
 extern "C" {
+
+QOV_AS_API uint32_t ASOrchRegBase(ASOrchHandle *hdl, const ASOrchBasePara *para) {
+    if (hdl == nullptr || para == nullptr) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "Register Orch autosync base Fail, Param is Null");
+        return 1;
+    }
+    return ASOrchBaseProc(hdl, para);
+}
 
 QOV_AS_API void ASOrchDestroy(ASOrchHandle *hdl) {
     if (hdl == nullptr || hdl->memFree == nullptr) {

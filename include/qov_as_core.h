@@ -13,10 +13,16 @@
  *    null one with a log line; nothing dereferences a null argument.
  * 4. Threads: create, register and destroy on the orchestrator's own thread, one
  *    call at a time across the process (the module registry is unprotected).
- *    Message handling runs on the EAL's Data thread. */
+ *    Message handling runs on the EAL's Data thread.
+ * 5. Destroying: stop feeding a handle before ASOrchDestroy — clear the
+ *    receive functions of its channels and its timers (on the host platform
+ *    both return only when no call of them is still running) and let no other
+ *    thread write into its merge queues or send to its sync groups. The
+ *    library's own queue readers it stops itself. */
 #ifndef QOV_AS_CORE_H
 #define QOV_AS_CORE_H
 
+#include <stddef.h>
 #include <stdint.h>
 #include "qov_as_log.h"
 #include "qov_as_inbound.h"
@@ -42,30 +48,110 @@ typedef struct ASOrchCreatePara {
     ASOrchMemFreeFunc memFree;
     uint32_t ealCreateWord1;  /* handed to the EAL unchanged */
 } ASOrchCreatePara;
+QOV_AS_LAYOUT(sizeof(ASOrchCreatePara) == 32);
+QOV_AS_LAYOUT(offsetof(ASOrchCreatePara, memAlloc) == 8);
+QOV_AS_LAYOUT(offsetof(ASOrchCreatePara, memFree) == 16);
+QOV_AS_LAYOUT(offsetof(ASOrchCreatePara, ealCreateWord1) == 24);
 
 /* Channel slot k of the base-registration record selects channel kind k. */
 typedef struct ASOrchChanSlot {
-    uint32_t realServerPort; /* 0: slot not used; low 16 bits: server port */
-    uint64_t chanUsrData;
+    uint32_t realServerPort; /* 0: slot not used; low 16 bits: server port, host order */
+    uint64_t chanUsrData;    /* copied into the channel parameter record */
 } ASOrchChanSlot;
+QOV_AS_LAYOUT(sizeof(ASOrchChanSlot) == 16);
+QOV_AS_LAYOUT(offsetof(ASOrchChanSlot, chanUsrData) == 8);
 
 #define AS_ORCH_CHAN_SLOT_NUM 8u
 
 /* Base-registration record: everything an instance needs, read during
- * registration only. */
+ * ASOrchRegBase only; the arrays it points to are copied there. */
 typedef struct ASOrchBasePara {
-    uint32_t threadMask; /* bit 0 Data (mandatory), bit 1 Sync, bit 2 Event */
-    uint64_t modStateRsp;
-    uint32_t modStateRspArg;
-    uint64_t syncGrpMsgSet[AS_ORCH_SYNC_GRP_KIND_NUM]; /* kind 0 mandatory */
-    uint32_t rsvPortPara0;
+    uint32_t threadMask; /* bit 0 Data (mandatory), bit 1 Sync, bit 2 Event; see ASOrchThreadSet */
+    uint64_t modStateRsp;    /* to QOV_EAL_RegModStateRsp */
+    uint32_t modStateRspArg; /* to QOV_EAL_RegModStateRsp */
+    uint64_t syncGrpMsgSet[AS_ORCH_SYNC_GRP_KIND_NUM]; /* per sync-group kind; kind 0 mandatory */
+    uint32_t rsvPortPara0; /* to QOV_EAL_ReservePort */
     uint32_t rsvPortPara1;
-    ASOrchChanSlot chan[AS_ORCH_CHAN_SLOT_NUM];
+    ASOrchChanSlot chan[AS_ORCH_CHAN_SLOT_NUM]; /* kinds 0 DAM, 1 FES, 2 UP, 3 EVT; 4..7 refused */
     ASOrchTblMsgList recvTblMsgList[2];
     ASOrchTblMsgList transTblMsgList[2]; /* [0] DAM path, [1] FES path */
     ASOrchMergePara damMerge;
     ASOrchMergePara fesMerge;
 } ASOrchBasePara;
+QOV_AS_LAYOUT(sizeof(ASOrchTblMsgList) == 16);
+QOV_AS_LAYOUT(offsetof(ASOrchTblMsgList, num) == 8);
+QOV_AS_LAYOUT(sizeof(ASOrchMergePara) == 40);
+QOV_AS_LAYOUT(offsetof(ASOrchMergePara, dispatchNum) == 8);
+QOV_AS_LAYOUT(offsetof(ASOrchMergePara, hashSize) == 16);
+QOV_AS_LAYOUT(offsetof(ASOrchMergePara, hashFunc) == 24);
+QOV_AS_LAYOUT(offsetof(ASOrchMergePara, highWater) == 32);
+QOV_AS_LAYOUT(offsetof(ASOrchMergePara, lowWater) == 36);
+QOV_AS_LAYOUT(offsetof(ASOrchBasePara, modStateRsp) == 8);
+QOV_AS_LAYOUT(offsetof(ASOrchBasePara, modStateRspArg) == 16);
+QOV_AS_LAYOUT(offsetof(ASOrchBasePara, syncGrpMsgSet) == 24);
+QOV_AS_LAYOUT(offsetof(ASOrchBasePara, rsvPortPara0) == 56);
+QOV_AS_LAYOUT(offsetof(ASOrchBasePara, rsvPortPara1) == 60);
+QOV_AS_LAYOUT(offsetof(ASOrchBasePara, chan) == 64);
+QOV_AS_LAYOUT(offsetof(ASOrchBasePara, recvTblMsgList) == 192);
+QOV_AS_LAYOUT(offsetof(ASOrchBasePara, transTblMsgList) == 224);
+QOV_AS_LAYOUT(offsetof(ASOrchBasePara, damMerge) == 256);
+QOV_AS_LAYOUT(offsetof(ASOrchBasePara, fesMerge) == 296);
+QOV_AS_LAYOUT(sizeof(ASOrchBasePara) == 336);
+
+/* Runs the seven registration steps ("RegThread", "ModStateRsp", "SyncGroup",
+ * "ReservePort", "channel", "TblMsg", "MergeMQue") in that order and stops at
+ * the first that fails; what earlier steps registered stays until
+ * ASOrchDestroy. Call it once, after ASOrchCreate and before ASOrchStart. */
+QOV_AS_API uint32_t ASOrchRegBase(ASOrchHandle *hdl, const ASOrchBasePara *para);
+
+/* Builds a thread mask from count (1 to 3) distinct kinds given as further
+ * u32 arguments (0 Data, 1 Sync, 2 Event; each below 32). 1 and *mask
+ * untouched for a bad count, a kind given twice or a kind of 32 or more. */
+QOV_AS_API uint32_t ASOrchThreadSet(uint32_t *mask, uint32_t count, ...);
+
+/* ---- Channels ---- */
+
+#define AS_ORCH_CHAN_KIND_NUM 4u /* 0 DAM, 1 FES, 2 UP, 3 EVT */
+
+/* Channel parameter record as the EAL takes it (192 bytes, little-endian). */
+typedef struct ASOrchChanPara {
+    uint32_t chanIdx;       /* channel kind */
+    uint32_t word4;
+    char chanName[32];      /* table: the suffix; registered: instance name + suffix */
+    uint8_t rsv40[32];
+    uint32_t word72;
+    uint32_t chanThreadId;  /* 2 Event thread, 0 Data thread */
+    uint32_t word80;
+    uint32_t rsv84;
+    uint32_t (*serverAddrFunc)(void); /* server IPv4 address, network byte order */
+    uint64_t word96;
+    uint32_t rsv104;
+    uint16_t serverPort;    /* network byte order */
+    uint16_t rsv110;
+    uint64_t rsv112;
+    uint32_t word120;
+    uint32_t rsv124;
+    uint64_t chanUsrData;
+    uint8_t rsv136[56];
+} ASOrchChanPara;
+QOV_AS_LAYOUT(sizeof(ASOrchChanPara) == 192);
+QOV_AS_LAYOUT(offsetof(ASOrchChanPara, word4) == 4);
+QOV_AS_LAYOUT(offsetof(ASOrchChanPara, chanName) == 8);
+QOV_AS_LAYOUT(offsetof(ASOrchChanPara, word72) == 72);
+QOV_AS_LAYOUT(offsetof(ASOrchChanPara, chanThreadId) == 76);
+QOV_AS_LAYOUT(offsetof(ASOrchChanPara, word80) == 80);
+QOV_AS_LAYOUT(offsetof(ASOrchChanPara, serverAddrFunc) == 88);
+QOV_AS_LAYOUT(offsetof(ASOrchChanPara, word96) == 96);
+QOV_AS_LAYOUT(offsetof(ASOrchChanPara, serverPort) == 108);
+QOV_AS_LAYOUT(offsetof(ASOrchChanPara, word120) == 120);
+QOV_AS_LAYOUT(offsetof(ASOrchChanPara, chanUsrData) == 128);
+
+/* Short names of the channel kinds; entries 4 to 7 are null. */
+QOV_AS_API extern const char *const g_ASChannelName[AS_ORCH_CHAN_SLOT_NUM];
+/* The parameter record of each channel kind before registration completes it. */
+QOV_AS_API extern const ASOrchChanPara g_ASOrchChanParam[AS_ORCH_CHAN_KIND_NUM];
+/* Short name of a channel kind ("DAM", "FES", "UP", "EVT"), null otherwise. */
+QOV_AS_API const char *ASGetChnlName(uint32_t chanIdx);
 
 /* Creates a handle under a process-unique name; null on failure. */
 QOV_AS_API ASOrchHandle *ASOrchCreate(const char *name, const ASOrchCreatePara *para);
@@ -77,7 +163,8 @@ QOV_AS_API uint32_t ASOrchStart(ASOrchHandle *hdl);
 QOV_AS_API uint32_t ASOrchSetOndemandParam(ASOrchHandle *hdl, uint64_t value);
 /* Tells the EAL that module initialisation is complete; returns its result. */
 QOV_AS_API uint32_t ASOrchModInitOk(ASOrchHandle *hdl);
-/* Releases everything the handle holds, then the handle; null does nothing. */
+/* Releases everything the handle holds, then the handle; null does nothing.
+ * Stop feeding the handle first (rule 5 above). */
 QOV_AS_API void ASOrchDestroy(ASOrchHandle *hdl);
 /* The EAL instance of the handle, or null. */
 QOV_AS_API void *ASOrchGetEalHdl(ASOrchHandle *hdl);
@@ -146,6 +233,8 @@ typedef struct ASOrchPatchInfo {
     char reserved[397];
     char libName[128]; /* target library, NUL-terminated */
 } ASOrchPatchInfo;
+QOV_AS_LAYOUT(sizeof(ASOrchPatchInfo) == 525);
+QOV_AS_LAYOUT(offsetof(ASOrchPatchInfo, libName) == 397);
 
 /* Activates (0) or deactivates (1) a patch addressed to this library. */
 QOV_AS_API uint32_t libqov_autosync_orch_PAT_C2HSyncHookFunc(uint32_t operCode, uint64_t value,

@@ -16,6 +16,14 @@
 /* Marks a symbol of the library's external interface; everything else is hidden. */
 #define QOV_AS_API __attribute__((visibility("default")))
 
+/* Layout check of a record exchanged with the platform or the caller: C11's
+ * _Static_assert, or static_assert when the header is read as C++. */
+#ifdef __cplusplus
+#define QOV_AS_LAYOUT(cond) static_assert(cond, #cond)
+#else
+#define QOV_AS_LAYOUT(cond) _Static_assert(cond, #cond)
+#endif
+
 QOV_AS_EXTERN_C_BEGIN
 
 /* Formats one line (at most 255 characters; a longer one is dropped) and writes

@@ -14,19 +14,23 @@ uint32_t DropQueuedMsg(void *vec, uint32_t size, void * /*usrData*/) {
     return 0;
 }
 
+// Takes a path's queue out of the Data thread's epoll set. This waits for a
+// reader dispatch still running there, so once both paths are stopped nothing
+// reads the queues, their entries or the dispatch tables any more.
+void StopReader(ASOrchMergeRec *rec) {
+    if (rec->mergeQue != nullptr) (void)QOV_MergeQueBackPress(rec->mergeQue, 0);
+}
+
 void FreeMergeRec(ASOrchHandle *hdl, ASOrchMergeRec *rec) {
-    if (rec->dispatchHash != nullptr) ASOrchFreeDispatchHash(hdl, rec->dispatchHash);
-    rec->dispatchHash = nullptr;
     if (rec->mergeQue != nullptr) {
-        // Out of the Data thread's epoll set first (this waits for a reader
-        // dispatch still running there), so the drain below reads alone. The
-        // drain takes the entries straight out: no signal and no low-water
+        // The drain takes the entries straight out: no signal and no low-water
         // check, so an overloaded queue releases no source while it goes.
-        (void)QOV_MergeQueBackPress(rec->mergeQue, 0);
         (void)QOV_MergeQueDrain(rec->mergeQue, DropQueuedMsg, nullptr);
         (void)QOV_MergeQueDestory(rec->mergeQue);
     }
     rec->mergeQue = nullptr;
+    if (rec->dispatchHash != nullptr) ASOrchFreeDispatchHash(hdl, rec->dispatchHash);
+    rec->dispatchHash = nullptr;
     rec->epFd = 0;
     rec->hashSize = 0;
 }
@@ -34,6 +38,9 @@ void FreeMergeRec(ASOrchHandle *hdl, ASOrchMergeRec *rec) {
 }  // namespace
 
 void ASOrchFreeMergeMsg(ASOrchHandle *hdl, ASOrchMergeRec *recs) {
+    // Both readers stop before anything goes: a reader's handlers may reach
+    // the other path through direct dispatch.
+    for (uint32_t i = 0; i < AS_MERGE_PATH_NUM; ++i) StopReader(&recs[i]);
     for (uint32_t i = 0; i < AS_MERGE_PATH_NUM; ++i) FreeMergeRec(hdl, &recs[i]);
 }
 

@@ -1,5 +1,9 @@
 // Messages through queues and dispatch: buffer ownership, read order, batches
 // on the Data thread's epoll loop, direct dispatch, write refusals.
+#include <atomic>
+#include <chrono>
+#include <thread>
+
 #include "merge_fixture.h"
 
 namespace {
@@ -146,19 +150,39 @@ TEST_F(FlowTest, RefusalsDataClearingAndBackPress) {
 namespace mergetest {
 namespace {
 
-// Destroying a started instance while its Data thread reads: the queue leaves
-// the epoll set before it is drained, so every buffer goes back exactly once.
+std::atomic<int> g_reads{0};
+std::atomic<bool> g_tableGone{false};
+
+// Holds the Data thread in its first handler long enough for a destroy to
+// reach the release; every handler then checks its dispatch table is still there.
+uint32_t SlowReader(ASOrchHandle *hdl, ASOrchMergeMsgVec *) {
+    if (g_reads++ == 0) std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    if (hdl->mergeHandle == nullptr || hdl->mergeHandle[AS_MERGE_PATH_DAM].dispatchHash == nullptr) g_tableGone = true;
+    return 0;
+}
+
+// Destroying a started instance while its Data thread reads: the readers stop
+// (waiting for the running dispatch) before the dispatch tables or queues go,
+// and every buffer goes back exactly once.
 TEST_F(MergeTest, DestroyWhileTheDataThreadReads) {
-    ASSERT_EQ(Reg(DamPara(), FesPara()), 0u);
+    ASOrchMergeMsgDispatch slow[] = {{100, {SlowReader, SlowReader, SlowReader, SlowReader}}};
+    ASOrchMergePara dam = DamPara();
+    dam.dispatchTbl = slow;
+    dam.dispatchNum = 1;
+    g_reads = 0;
+    g_tableGone = false;
+    ASSERT_EQ(Reg(dam, FesPara()), 0u);
     ASSERT_EQ(ASOrchInit(hdl_), 0u);
     ASSERT_EQ(ASOrchStart(hdl_), 0u);
     ASSERT_EQ(ASOrchMergeBackPress(hdl_, AS_ORCH_MERGE_DAM), 0u);  // no reader while this thread writes
     for (int i = 0; i < 3000; ++i) ASSERT_EQ(Put(AS_ORCH_MERGE_DAM, 100, 0, std::to_string(i)), 0u);
     ASSERT_EQ(ASOrchMergeUnBackPress(hdl_, AS_ORCH_MERGE_DAM), 0u);
+    while (g_reads.load() == 0) std::this_thread::yield();
     ASOrchDestroy(hdl_);
     hdl_ = nullptr;
+    EXPECT_FALSE(g_tableGone.load()) << "a handler ran after its dispatch table was freed";
     EXPECT_EQ(qovtest::AllocOutstanding(), 0);
-    EXPECT_LE(g_seen.size(), 3000u);
+    EXPECT_LT(g_reads.load(), 3000);
 }
 
 }  // namespace
