@@ -80,6 +80,20 @@ QOV_PLAT_API void QovHostReset(void);
  * only on a set that no EAL thread is serving. */
 QOV_PLAT_API int32_t QovHostEpollRunOnce(int32_t epFd, int32_t timeoutMs);
 
+/* ---- Smoothing brackets (libqov_utils_smooth) ----
+ * The smoothing entries count, per table (the class record's first word) and
+ * bracket kind, the begins not yet closed by an end: VRF state begin/end, VRF
+ * data begin/end (with or without batch type), LR data begin/end. Not cleared
+ * by QovHostReset (another library): call QovHostSmoothReset. */
+#define QOV_HOST_SMOOTH_VRF_STATE 0u
+#define QOV_HOST_SMOOTH_VRF_DATA 1u
+#define QOV_HOST_SMOOTH_LR_DATA 2u
+/* Begins minus ends: 0 balanced, above 0 open, below 0 an end without its begin. */
+QOV_PLAT_API int32_t QovHostSmoothOpen(uint32_t tableId, uint32_t kind);
+/* Number of (table, kind) brackets that do not balance. */
+QOV_PLAT_API uint32_t QovHostSmoothUnbalanced(void);
+QOV_PLAT_API void QovHostSmoothReset(void);
+
 #ifdef __cplusplus
 }
 #endif

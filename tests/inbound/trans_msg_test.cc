@@ -1,0 +1,354 @@
+// Transfer messages end to end: the table-data layouts, the smoothing runs
+// with their class records and callback priority, and damaged messages placed
+// against a guard page (a clean refusal, or exactly the well-formed prefix).
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "inbound_fixture.h"
+#include "smooth/smooth_internal.h"
+#include "support/msg_encode.h"
+
+namespace inboundtest {
+namespace {
+
+using qovtest::Bytes;
+using qovtest::SmoothTlv;
+using qovtest::Tlv;
+
+constexpr uint32_t kDam = 5, kFes = 7, kTyped = 8;  // tables: DAM, FES (base route), DAM (with-type route)
+constexpr uint32_t kTransId = 0x7F7F7F73;
+
+// What the handlers and callbacks saw, in order, and the body they saw it in.
+std::vector<std::string> g_ev;
+std::vector<Bytes> g_recs;  // class record bytes per smoothing callback that got one
+const uint8_t *g_body = nullptr;
+size_t g_bodyLen = 0;
+uint32_t g_tblResult = 0;
+
+void Ev(const char *fmt, auto... a) {
+    char buf[160];
+    std::snprintf(buf, sizeof(buf), fmt, a...);
+    g_ev.emplace_back(buf);
+}
+
+uint32_t TblProc(ASOrchHandle *, void *e, uint32_t n, uint32_t size, ASOrchTblMsgInfo *info) {
+    auto *p = static_cast<const uint8_t *>(e);
+    // The entries lie in the body; reading them all lets the guard page catch an overrun.
+    EXPECT_TRUE(p >= g_body && uint64_t{n} * size <= static_cast<size_t>(g_body + g_bodyLen - p));
+    static volatile uint8_t sink;
+    for (uint64_t i = 0; i < uint64_t{n} * size; ++i) sink = p[i];
+    Ev("tbl @%td n=%u size=%u v=%u param=%u type=%u", p - g_body, n, size, info->version, info->tblParam,
+       info->tlvType);
+    return g_tblResult;
+}
+
+void Rec(void *rec, uint32_t len) {
+    if (rec != nullptr) g_recs.emplace_back(static_cast<uint8_t *>(rec), static_cast<uint8_t *>(rec) + len);
+}
+uint32_t Pre4(uint32_t t, uint32_t type, void *rec, uint32_t len) { Ev("pre t=%u type=%u len=%u", t, type, len); Rec(rec, len); return 0; }
+uint32_t Proc4(uint32_t t, uint32_t type, void *rec, uint32_t len) { Ev("proc t=%u type=%u len=%u", t, type, len); Rec(rec, len); return 0; }
+uint32_t Pre5(uint32_t t, uint32_t b, uint32_t type, void *rec, uint32_t len) {
+    Ev("pre t=%u b=%u type=%u len=%u", t, b, type, len);
+    Rec(rec, len);
+    return 0;
+}
+uint32_t Proc5(uint32_t t, uint32_t b, uint32_t type, void *rec, uint32_t len) {
+    Ev("proc t=%u b=%u type=%u len=%u", t, b, type, len);
+    Rec(rec, len);
+    return 0;
+}
+
+// The platform's smoothing entries as called, in order.
+std::vector<QovHostCall> EntryCalls() {
+    std::vector<QovHostCall> out;
+    QovHostCall c;
+    for (uint32_t i = 0; QovHostJournalGet(i, &c) == 0; ++i)
+        if (std::strncmp(c.op, "QOV_ENTRY_", 10) == 0) out.push_back(c);
+    return out;
+}
+
+// Their names, with the batch type where one is passed.
+std::vector<std::string> Entries() {
+    std::vector<std::string> out;
+    for (const QovHostCall &c : EntryCalls()) {
+        out.emplace_back(c.op);
+        if (std::strstr(c.op, "WithType") != nullptr) out.back() += " " + std::to_string(c.arg[1]);
+    }
+    return out;
+}
+
+class TransTest : public InboundTest {
+protected:
+    // Tables 5 (DAM) and 7 (FES) through the base registration, 8 through the
+    // run-time registration; smoothing slots as asked.
+    void Register(bool proc, bool pre) {
+        ASOrchTransTblMsg dam{kDam, 16, {}, {}, 50, TblProc}, fes{kFes, 16, {}, {}, 70, TblProc};
+        ASOrchTransTblMsg typed{kTyped, 16, {}, {}, 80, TblProc};
+        if (proc) dam.smoothProc.fn = Proc4, typed.smoothProc.withType = Proc5;
+        if (pre) dam.smoothPreProc.fn = Pre4, typed.smoothPreProc.withType = Pre5;
+        ASOrchBasePara base{};
+        base.transTblMsgList[0] = {&dam, 1};
+        base.transTblMsgList[1] = {&fes, 1};
+        ASSERT_EQ(Reg([&] { return ASOrchRegTblMsg(hdl_, &base); }), 0u);
+        ASSERT_EQ(Reg([&] { return ASOrchRegTblTrans(hdl_, 0, &typed, 1); }), 0u);
+        QovHostSmoothReset();
+        QovHostLogClear();
+        QovHostJournalClear();
+    }
+    // Runs the bytes placed against the guard page; msgLen deliberately 0.
+    uint32_t Run(const Bytes &bytes, Bytes *after = nullptr) {
+        g_ev.clear();
+        g_recs.clear();
+        qovtest::GuardedBytes g(bytes);
+        g_body = g.data();
+        g_bodyLen = g.size();
+        ASOrchIpcMsg msg{g.data(), kTransId, 0};
+        uint32_t r = ASOrchMsgTransProc(hdl_, &msg);
+        if (after != nullptr) after->assign(g.data(), g.data() + g.size());
+        return r;
+    }
+};
+
+// ---- Table data ----
+
+struct LayoutCase {
+    const char *name;
+    Tlv tlv;
+    std::string expect;
+};
+
+class TransLayoutTest : public TransTest, public ::testing::WithParamInterface<LayoutCase> {};
+
+TEST_P(TransLayoutTest, EntriesReachTheHandlerInTheLayoutOfTheirPath) {
+    Register(false, false);
+    uint32_t v = 0;
+    ASSERT_EQ(ASOrchIncTransTblMsgVersion(hdl_, GetParam().tlv.tableId, &v), 0u);
+    ASSERT_EQ(ASOrchIncTransTblMsgVersion(hdl_, GetParam().tlv.tableId, &v), 0u);
+    EXPECT_EQ(Run(qovtest::EncodeTrans({GetParam().tlv}).bytes), 0u);
+    EXPECT_EQ(g_ev, std::vector<std::string>{GetParam().expect});
+}
+
+Tlv DamOf(uint32_t type, uint32_t len) { return Tlv{kDam, type, qovtest::Entries(1, len, 3), {}}; }
+
+INSTANTIATE_TEST_SUITE_P(
+    Layouts, TransLayoutTest,
+    ::testing::Values(
+        LayoutCase{"FesType1", qovtest::TableTlv(kFes, 1, qovtest::kPathFes, 3, 16, 1), "tbl @32 n=3 size=16 v=2 param=70 type=1"},
+        LayoutCase{"FesType2", qovtest::TableTlv(kFes, 2, qovtest::kPathFes, 3, 20, 1), "tbl @32 n=3 size=20 v=2 param=70 type=2"},
+        LayoutCase{"DamType1TrailingBytes", DamOf(1, 50), "tbl @24 n=3 size=16 v=2 param=50 type=1"},
+        LayoutCase{"DamType2OneEntry", DamOf(2, 50), "tbl @24 n=1 size=50 v=2 param=50 type=2"},
+        LayoutCase{"DamType18Empty", DamOf(18, 0), "tbl @24 n=1 size=0 v=2 param=50 type=18"},
+        LayoutCase{"FesType19", qovtest::TableTlv(kFes, 19, qovtest::kPathFes, 1, 9, 1), "tbl @24 n=1 size=9 v=2 param=70 type=19"}),
+    [](const auto &info) { return std::string(info.param.name); });
+
+TEST_F(TransTest, TotalLengthBoundsTheWalkAndFailuresDoNotStopIt) {
+    Register(false, false);
+    Bytes b = qovtest::EncodeTrans({DamOf(18, 0)}).bytes;
+    qovtest::SetU32(b.data() + 8, 11);
+    EXPECT_EQ(Run(b), 1u);
+    EXPECT_TRUE(qovtest::HasLine("orchI, recv zebbrk trans msg is error."));
+    qovtest::SetU32(b.data() + 8, 12);
+    EXPECT_EQ(Run(b), 0u);
+    EXPECT_EQ(g_ev.size(), 1u);
+
+    g_tblResult = 1;
+    EXPECT_EQ(Run(qovtest::EncodeTrans({DamOf(2, 4), Tlv{6, 1, Bytes(16), {}}, DamOf(18, 4)}).bytes), 0u);
+    g_tblResult = 0;
+    EXPECT_EQ(g_ev.size(), 2u);
+    EXPECT_TRUE(qovtest::HasLine("orchI, proc zebbrk trans msg 1 failed. tbl = 6, tlvType = 1, tlvLen = 16"));
+    EXPECT_TRUE(qovtest::HasLine("orchI, proc trans dam tbl failed. tbl nums = 1, tblsize = 4."));
+    EXPECT_TRUE(qovtest::HasLine("orchI, proc trans comp tbl failed. tbl = 5, tblType = 18."));
+}
+
+// ---- Smoothing runs ----
+
+struct SmoothCase {
+    const char *name;
+    bool proc, pre;
+    uint32_t table;  // 5: four-argument slots, 8: with-type slots
+    std::vector<SmoothTlv> run;
+    size_t keep;  // value bytes kept; SIZE_MAX: all
+    std::vector<std::string> ev, entries;
+    std::string line;     // a failure line expected besides the walk's, or ""
+    uint32_t firstAfter;  // the first smoothing type in the body afterwards (0: not checked)
+    uint32_t unbalanced;  // begin/end brackets left unbalanced at the platform
+};
+
+class SmoothRunTest : public TransTest, public ::testing::WithParamInterface<SmoothCase> {};
+
+// The class record of the smoothing TLV at off: its bytes from 8 up to its length, then zeros.
+Bytes ClassRec(const Bytes &run, size_t off, size_t recLen) {
+    Bytes r(recLen, 0);
+    size_t len = qovtest::GetU32(run.data() + off + 4);
+    std::memcpy(r.data(), run.data() + off + 8, std::min(len - 8, recLen));
+    return r;
+}
+
+TEST_P(SmoothRunTest, CallbacksAndEntriesSeeTheClassRecords) {
+    const SmoothCase &c = GetParam();
+    Register(c.proc, c.pre);
+    Bytes run = qovtest::EncodeSmoothRun(c.run).bytes;
+    Tlv tlv{c.table, 3, run, {}};
+    tlv.value.resize(std::min(c.keep, run.size()));
+    Bytes after;
+    EXPECT_EQ(Run(qovtest::EncodeTrans({tlv}).bytes, &after), 0u);
+    EXPECT_EQ(g_ev, c.ev);
+    EXPECT_EQ(Entries(), c.entries);
+    bool ok = c.line.empty();
+    EXPECT_EQ(qovtest::HasLine("orchI, smooth tbl proc failed. tableId = " + std::to_string(c.table) +
+                               ", tlvType = 3, tlvLen = " + std::to_string(tlv.value.size())), !ok);
+    if (!ok) EXPECT_TRUE(qovtest::HasLine(c.line));
+    EXPECT_EQ(QovHostSmoothUnbalanced(), c.unbalanced);
+    // Records handed on are the TLVs' bytes from their tableId on, zero-filled.
+    std::vector<size_t> offs;
+    for (size_t off = 0; off + 12 <= run.size(); off += qovtest::GetU32(run.data() + off + 4)) offs.push_back(off);
+    for (size_t i = 0; i < g_recs.size(); ++i) EXPECT_EQ(g_recs[i], ClassRec(run, offs[i], g_recs[i].size())) << i;
+    size_t k = 0;
+    for (const QovHostCall &call : EntryCalls()) {
+        EXPECT_EQ(Bytes(call.rec, call.rec + call.recLen), ClassRec(run, offs[k++], call.recLen)) << call.op;
+        if (std::strcmp(call.op, "QOV_ENTRY_ProcVrfStateEnd") == 0) {
+            EXPECT_EQ(call.arg[1], reinterpret_cast<uintptr_t>(hdl_->memAlloc));
+            EXPECT_EQ(call.arg[2], reinterpret_cast<uintptr_t>(hdl_->memFree));
+        }
+    }
+    if (c.firstAfter != 0) EXPECT_EQ(qovtest::GetU32(after.data() + 24), c.firstAfter);
+    if (tlv.value.size() < 12) EXPECT_EQ(Bytes(after.begin() + 24, after.end()), tlv.value) << "short value written";
+}
+
+using qovtest::Smooth;
+const std::vector<std::string> kNone;
+const std::string kCheck8 = "smooth check msgSize failed. tableId = 5, optType = 8, length = 16, msgSize = 16";
+
+INSTANTIATE_TEST_SUITE_P(
+    Runs, SmoothRunTest,
+    ::testing::Values(
+        SmoothCase{"ClassPidClass52", false, true, kDam, {Smooth(7, kDam), Smooth(15, kDam), Smooth(8, kDam)}, SIZE_MAX,
+                   {"pre t=5 type=7 len=12", "pre t=5 type=15 len=12", "pre t=5 type=8 len=12"},
+                   {"QOV_ENTRY_ProcVrfStateBegin", "QOV_ENTRY_ProcPidState", "QOV_ENTRY_ProcVrfStateEnd"}, "", 7, 0},
+        SmoothCase{"ClassPidClass50", false, true, kDam, {Smooth(7, kDam), Smooth(15, kDam), Smooth(8, kDam)}, 50,
+                   {"pre t=5 type=7 len=12", "pre t=5 type=15 len=12"},
+                   {"QOV_ENTRY_ProcVrfStateBegin", "QOV_ENTRY_ProcPidState"}, kCheck8, 7, 1},
+        SmoothCase{"First195IsVrfBeginOfBatch2", false, true, kTyped, {{195, kTyped, {1, 2, 3, 4}, {}}, Smooth(11, kTyped)},
+                   SIZE_MAX, {"pre t=8 b=2 type=10 len=24", "pre t=8 b=2 type=11 len=24"},
+                   {"QOV_ENTRY_ProcVrfDataBeginWithType 2", "QOV_ENTRY_ProcVrfDataEndWithType 2"}, "", 10, 0},
+        SmoothCase{"First197HasNoHandler", false, true, kTyped, {Smooth(197, kTyped)}, SIZE_MAX, kNone, kNone,
+                   "orchI, proc zebbrk trans msg 0 failed. tbl = 8, tlvType = 3, tlvLen = 16", 197, 0},
+        SmoothCase{"First201OnFourArgumentSlots", false, true, kDam, {Smooth(201, kDam), Smooth(17, kDam)}, SIZE_MAX,
+                   {"pre t=5 type=16 len=0", "pre t=5 type=17 len=0"},
+                   {"QOV_ENTRY_ProcLrDataBegin", "QOV_ENTRY_ProcLrDataEnd"}, "", 16, 0},
+        SmoothCase{"First206EndsWithoutBegin", false, true, kTyped, {Smooth(206, kTyped)}, SIZE_MAX,
+                   {"pre t=8 b=2 type=17 len=0"}, {"QOV_ENTRY_ProcLrDataEndWithType 2"}, "", 17, 1},
+        SmoothCase{"ProcBeatsPreProc", true, true, kDam, {Smooth(7, kDam)}, SIZE_MAX, {"proc t=5 type=7 len=12"}, kNone,
+                   "", 0, 0},
+        SmoothCase{"ProcWithTypeBeatsAll", true, true, kTyped, {Smooth(10, kTyped)}, SIZE_MAX,
+                   {"proc t=8 b=3 type=10 len=24"}, kNone, "", 0, 0},
+        SmoothCase{"NoCallbackStillConsumes", false, false, kDam, {Smooth(7, kDam), Smooth(9, kDam)}, SIZE_MAX, kNone,
+                   kNone, "", 0, 0},
+        SmoothCase{"VrfStateRecordIs72Bytes", false, true, kDam, {Smooth(9, kDam)}, SIZE_MAX, {"pre t=5 type=9 len=72"},
+                   {"QOV_ENTRY_ProcVrfState"}, "", 0, 0},
+        SmoothCase{"DamClassHasNoRecordNorEntry", false, true, kTyped, {Smooth(190, kTyped), Smooth(191, kTyped)},
+                   SIZE_MAX, {"pre t=8 b=3 type=190 len=0", "pre t=8 b=3 type=191 len=0"}, kNone, "", 0, 0},
+        SmoothCase{"EmptyValue", false, true, kDam, {Smooth(7, kDam)}, 0, kNone, kNone, "", 0, 0},
+        SmoothCase{"ValueShorterThanHeadUntouched", false, true, kTyped, {{195, kTyped, {1, 2, 3, 4}, {}}}, 11, kNone,
+                   kNone, "orchI, smooth tlv head cut short. remaining = 11", 0, 0}),
+    [](const auto &info) { return std::string(info.param.name); });
+
+std::vector<std::string> Prefix(const std::vector<std::string> &v, size_t n) { return {v.begin(), v.begin() + n}; }
+
+TEST_F(TransTest, DamagedSmoothingRunsStopRightBeforeTheDamagedTlv) {
+    Register(false, true);
+    std::vector<SmoothTlv> run{Smooth(7, kDam),  Smooth(15, kDam), Smooth(9, kDam),   Smooth(10, kDam), Smooth(11, kDam),
+                               Smooth(16, kDam), Smooth(17, kDam), Smooth(190, kDam), Smooth(8, kDam)};
+    qovtest::Encoded good = qovtest::EncodeSmoothRun(run);
+    auto runWith = [&](const Bytes &value) {
+        Run(qovtest::EncodeTrans({Tlv{kDam, 3, value, {}}}).bytes);
+        return g_ev;
+    };
+    const std::vector<std::string> full = runWith(good.bytes);
+    ASSERT_EQ(full.size(), run.size());
+    for (size_t cut = 0, whole = 0, end = 0; cut <= good.bytes.size(); ++cut) {
+        if (whole < run.size() && cut == end + qovtest::SmoothFixedLen(run[whole].optType))
+            end += qovtest::SmoothFixedLen(run[whole++].optType);
+        EXPECT_EQ(runWith(Bytes(good.bytes.begin(), good.bytes.begin() + cut)), Prefix(full, whole)) << "cut " << cut;
+    }
+    for (size_t i = 0; i < run.size(); ++i) {
+        for (uint32_t delta : {1u, 4u, 0xFFFFFFFFu, 0x80000000u}) {
+            Bytes b = good.bytes;
+            qovtest::SetU32(b.data() + good.lenFields[i], qovtest::GetU32(b.data() + good.lenFields[i]) + delta);
+            EXPECT_EQ(runWith(b), Prefix(full, i)) << "length of " << i << " + " << delta;
+        }
+        for (uint32_t type : {0u, 6u, 9u, 15u, 189u, 197u, 207u, 0xFFFFFFFFu}) {
+            if (qovtest::SmoothFixedLen(type) == qovtest::SmoothFixedLen(run[i].optType)) continue;
+            Bytes b = good.bytes;
+            qovtest::SetU32(b.data() + good.typeFields[i], type);
+            EXPECT_EQ(runWith(b), Prefix(full, i)) << "type of " << i << " = " << type;
+        }
+    }
+}
+
+TEST_F(TransTest, DamagedTransferMessagesHandleExactlyTheWellFormedPrefix) {
+    Register(false, true);
+    const std::vector<Tlv> tlvs{qovtest::TableTlv(kFes, 1, qovtest::kPathFes, 3, 16, 1), DamOf(2, 10),
+                                qovtest::TableTlv(kFes, 2, qovtest::kPathFes, 2, 12, 2),
+                                qovtest::SmoothTlvOf(kDam, 3, {Smooth(7, kDam), Smooth(8, kDam)}), DamOf(18, 3)};
+    const size_t events[] = {1, 1, 1, 2, 1};
+    const qovtest::Encoded good = qovtest::EncodeTrans(tlvs);
+    ASSERT_EQ(Run(good.bytes), 0u);
+    const std::vector<std::string> full = g_ev;
+    ASSERT_EQ(full.size(), 6u);
+    // Cut at every offset, the total length following the cut: the body ends at the guard page.
+    for (size_t cut = 0, whole = 0, seen = 0, end = 0; 12 + cut <= good.bytes.size(); ++cut) {
+        if (whole < tlvs.size() && cut == end + 12 + tlvs[whole].value.size()) {
+            end += 12 + tlvs[whole].value.size();
+            seen += events[whole++];
+        }
+        Bytes b(good.bytes.begin(), good.bytes.begin() + 12 + cut);
+        qovtest::SetU32(b.data() + 8, static_cast<uint32_t>(cut));
+        EXPECT_EQ(Run(b), cut < 12 ? 1u : 0u) << "cut " << cut;
+        EXPECT_EQ(g_ev, Prefix(full, seen)) << "cut " << cut;
+    }
+    // Each tlvLen changed, each type flipped: nothing read outside the body and
+    // the TLVs before the damaged one handled as before.
+    for (size_t i = 0, before = 0; i < tlvs.size(); before += events[i++]) {
+        const size_t lenAt = good.lenFields[i + 1];
+        const uint32_t len = qovtest::GetU32(good.bytes.data() + lenAt);
+        for (uint32_t v : {0u, len - 1, len + 1, len + 13, 0x7FFFFFFFu, 0xFFFFFFF4u, 0xFFFFFFFFu}) {
+            Bytes b = good.bytes;
+            qovtest::SetU32(b.data() + lenAt, v);
+            EXPECT_EQ(Run(b), 0u);
+            EXPECT_EQ(Prefix(g_ev, std::min(before, g_ev.size())), Prefix(full, before)) << i << " tlvLen " << v;
+        }
+        for (uint32_t type : {1u, 2u, 18u, 19u, 3u, 195u}) {
+            Bytes b = good.bytes;
+            qovtest::SetU32(b.data() + good.typeFields[i], type);
+            EXPECT_EQ(Run(b), 0u);
+            EXPECT_EQ(Prefix(g_ev, std::min(before, g_ev.size())), Prefix(full, before)) << i << " type " << type;
+        }
+    }
+}
+
+TEST_F(TransTest, ChannelSendersGoToTheirChannelOnLoopback) {
+    uint8_t buf[4] = {};
+    const std::pair<uint32_t (*)(ASOrchHandle *, void *, uint32_t), uint32_t> senders[] = {
+        {ASOrchFesChanMsgVec, 1}, {ASOrchDamChanMsgVec, 0}};
+    for (auto [send, chan] : senders) {
+        QovHostJournalClear();
+        QovHostFailNext("QOV_CHAN_USendMsg", 1, 7);
+        EXPECT_EQ(send(hdl_, buf, 4), 7u) << "the channel's result is passed through";
+        auto get = qovtest::Calls("QOV_EAL_GetChannelHdl");
+        auto sent = qovtest::Calls("QOV_CHAN_USendMsg");
+        ASSERT_EQ(get.size(), 1u);
+        ASSERT_EQ(sent.size(), 1u);
+        EXPECT_EQ(get[0].arg[1], chan);
+        EXPECT_EQ(sent[0].arg[1], uint64_t{0x0100007F}) << "127.0.0.1 in network byte order";
+        EXPECT_EQ(sent[0].arg[2], 0u);
+        EXPECT_EQ(sent[0].arg[3], reinterpret_cast<uintptr_t>(buf));
+        EXPECT_EQ(sent[0].arg[4], 4u);
+        EXPECT_EQ(send(nullptr, buf, 4), 1u);
+    }
+}
+
+}  // namespace
+}  // namespace inboundtest
