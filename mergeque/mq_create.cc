@@ -112,11 +112,15 @@ QOV_AS_API MergeQueCtrlBlk *QOV_MergeQueCreate(const char *name, const MergeQueC
 
 QOV_AS_API uint32_t QOV_MergeQueDestory(MergeQueCtrlBlk *mque) {
     if (mque == nullptr) return 0;
+    // Out of the name tree first, so that no report reads the block from here
+    // on; then out of the epoll set, so that no reader runs while itemCnt is
+    // read and the entries go.
+    MqNameTreeUnlink(mque);
+    MqReaderRelease(mque);
     if (mque->reader.itemCnt != 0) {
         QOV_AUTOSYNC_QovLog(1, "[QOV_MERGE_QUE Destroy] %s reader list is not empty!", mque->name);
     }
-    MqReaderRelease(mque);
-    QOV_MergeQueNameTreeDelete(mque->name);
+    QOV_AUTOSYNC_QovLog(0, "%s NameTreeDelete.", mque->name);
     QOV_MergeQueHashDelete(mque);
     mque->para.freeFunc(mque);
     return 0;

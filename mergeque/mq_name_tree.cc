@@ -56,3 +56,19 @@ uint32_t QOV_MergeQueNameTreeDelete(const char *name) {
 }
 
 }  // extern "C"
+
+bool MqNameTreeReady() {
+    if (pthread_mutex_lock(&g_qovMergeQueGlbCb.glbInitMutex) != 0) return false;
+    bool ready = g_qovMergeQueGlbCb.initFlag != 0;
+    pthread_mutex_unlock(&g_qovMergeQueGlbCb.glbInitMutex);
+    return ready;
+}
+
+bool MqNameTreeUnlink(MergeQueCtrlBlk *mque) {
+    if (pthread_mutex_lock(&g_qovMergeQueGlbCb.nameTreeMutex) != 0) return false;
+    auto *found = static_cast<MergeQueCtrlBlk *>(
+        YAV_AVL3_Find(&g_qovMergeQueGlbCb.nameTree, mque->name, &g_qovMergeQueGlbCb.treeInfo));
+    if (found == mque) YAV_AVL3_Delete(&g_qovMergeQueGlbCb.nameTree, &mque->nameNode);
+    pthread_mutex_unlock(&g_qovMergeQueGlbCb.nameTreeMutex);
+    return found == mque;
+}

@@ -177,6 +177,15 @@ uint32_t QOV_MergeQueReadToCallBack(MergeQueCtrlBlk *mque, uint32_t maxCount, Me
 
 }  // extern "C"
 
+// The name tree has been made (by the first creation). A report that may run
+// before any creation asks first: the tree is made under the global-init
+// mutex, and the two mutexes are never held together.
+bool MqNameTreeReady();
+// Takes this very block out of the name tree, if it is there; the tree's
+// mutex is held meanwhile, so a report holding it never sees a block that is
+// being destroyed.
+bool MqNameTreeUnlink(MergeQueCtrlBlk *mque);
+
 // Counting a slot: add to its count and stamp the time when the slot's row
 // says so. Inline, since appends, merges and reads count on every call.
 inline void MqAddReaderStat(MergeQueCtrlBlk *mque, uint32_t id, uint32_t n) {

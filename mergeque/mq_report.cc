@@ -37,7 +37,7 @@ QOV_AS_API uint32_t QOV_PrintMergeQueListAll(char *buf, uint32_t size) {
     uint32_t n = MqPiece(buf, size, 0, "%s", kDashes24);
     n += MqPiece(buf, size, n, "%-8s %-16s\n", "Index", "MQ-1THD Name");
     n += MqPiece(buf, size, n, "%s", kDashes24);
-    if (pthread_mutex_lock(&g_qovMergeQueGlbCb.nameTreeMutex) != 0) return n;
+    if (!MqNameTreeReady() || pthread_mutex_lock(&g_qovMergeQueGlbCb.nameTreeMutex) != 0) return n;
     const YAV_AVL3_TREE_INFO *info = &g_qovMergeQueGlbCb.treeInfo;
     uint32_t index = 0;
     for (auto *q = static_cast<MergeQueCtrlBlk *>(YAV_AVL3_First(&g_qovMergeQueGlbCb.nameTree, info));
@@ -49,12 +49,23 @@ QOV_AS_API uint32_t QOV_PrintMergeQueListAll(char *buf, uint32_t size) {
 }
 
 QOV_AS_API uint32_t QOV_PrintMergeQueInfo(const char *name, char *buf, uint32_t size) {
-    if (name == nullptr) return 0;
-    const MergeQueCtrlBlk *mque = QOV_MergeQueNameTreeFind(name);
-    if (mque == nullptr) return 0;
-    uint32_t n = QOV_PrintMergeQueBaseInfo(mque, buf, size);
-    n += QOV_PrintMergeQueStat(mque, buf + n, size - n);
-    n += QOV_PrintMergeQueReaderInfo(&mque->reader, buf + n, size - n);
+    if (name == nullptr || !MqNameTreeReady()) return 0;
+    // The name tree's mutex is held while the queue is read, so that a
+    // concurrent destruction (which takes the queue out of the tree first)
+    // cannot release it underneath.
+    if (pthread_mutex_lock(&g_qovMergeQueGlbCb.nameTreeMutex) != 0) {
+        QOV_AUTOSYNC_QovLog(1, "%s mutex lock nameTreeMutex failed.", name);
+        return 0;
+    }
+    const auto *mque = static_cast<const MergeQueCtrlBlk *>(
+        YAV_AVL3_Find(&g_qovMergeQueGlbCb.nameTree, name, &g_qovMergeQueGlbCb.treeInfo));
+    uint32_t n = 0;
+    if (mque != nullptr) {
+        n = QOV_PrintMergeQueBaseInfo(mque, buf, size);
+        n += QOV_PrintMergeQueStat(mque, buf + n, size - n);
+        n += QOV_PrintMergeQueReaderInfo(&mque->reader, buf + n, size - n);
+    }
+    pthread_mutex_unlock(&g_qovMergeQueGlbCb.nameTreeMutex);
     return n;
 }
 

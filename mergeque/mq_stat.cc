@@ -59,7 +59,10 @@ const char *QOV_MergeQueGetReaderStatDesc(uint32_t id) {
 
 void QOV_MergeQueSetStat(MergeQueCtrlBlk *mque, const void *key) {
     MqSetIfHigher(&mque->stat[MQ_STAT_MAX_CONFLICT], LITE_HASH_GetListCntByKey(mque->hash, key));
-    MqSetIfHigher(&mque->stat[MQ_STAT_HISTORY_MAX_CNT], LITE_HASH_GetHashCnt(mque->hash));
+    // Every entry is in the hash table and the list at once, and the new entry
+    // is linked in the table but not yet in the list: the table holds
+    // itemCnt + 1, known here without asking it.
+    MqSetIfHigher(&mque->stat[MQ_STAT_HISTORY_MAX_CNT], static_cast<int32_t>(mque->reader.itemCnt + 1));
 }
 
 char *QOV_MergeQueTrans2Time(char *buf, uint32_t size, const uint64_t *stamp) {

@@ -3,6 +3,7 @@
 #ifndef QOV_HOST_INTERNAL_H
 #define QOV_HOST_INTERNAL_H
 
+#include <atomic>
 #include <cstdint>
 #include <initializer_list>
 
@@ -26,7 +27,12 @@ inline void Journal(const char *op, std::initializer_list<uint64_t> args, const 
     QovHostJournalRecord(op, args.begin(), static_cast<uint32_t>(args.size()), str, rec, recLen);
 }
 
-inline bool Fail(const char *op, int64_t *result) { return QovHostFaultHit(op, result) != 0; }
+// Non-zero while any failure is armed: the common case costs a flag test, not a call.
+QOV_PLAT_API extern std::atomic<uint32_t> g_faultsArmed;
+
+inline bool Fail(const char *op, int64_t *result) {
+    return g_faultsArmed.load(std::memory_order_relaxed) != 0 && QovHostFaultHit(op, result) != 0;
+}
 
 // The preamble of a journaled operation: journals the call, and answers true
 // with *ret set when the operation is to fail now.

@@ -37,8 +37,11 @@ uint32_t TblProc(ASOrchHandle *, void *e, uint32_t n, uint32_t size, ASOrchTblMs
     auto *p = static_cast<const uint8_t *>(e);
     // The entries lie in the body; reading them all lets the guard page catch an overrun.
     EXPECT_TRUE(p >= g_body && uint64_t{n} * size <= static_cast<size_t>(g_body + g_bodyLen - p));
+    uint8_t sum = 0;
+    for (uint64_t i = 0; i < uint64_t{n} * size; ++i) sum = static_cast<uint8_t>(sum + p[i]);
     static volatile uint8_t sink;
-    for (uint64_t i = 0; i < uint64_t{n} * size; ++i) sink = p[i];
+    sink = sum;
+    (void)sink;
     Ev("tbl @%td n=%u size=%u v=%u param=%u type=%u", p - g_body, n, size, info->version, info->tblParam,
        info->tlvType);
     return g_tblResult;
@@ -141,7 +144,7 @@ INSTANTIATE_TEST_SUITE_P(
         LayoutCase{"DamType2OneEntry", DamOf(2, 50), "tbl @24 n=1 size=50 v=2 param=50 type=2"},
         LayoutCase{"DamType18Empty", DamOf(18, 0), "tbl @24 n=1 size=0 v=2 param=50 type=18"},
         LayoutCase{"FesType19", qovtest::TableTlv(kFes, 19, qovtest::kPathFes, 1, 9, 1), "tbl @24 n=1 size=9 v=2 param=70 type=19"}),
-    [](const auto &info) { return std::string(info.param.name); });
+    [](const auto &p) { return std::string(p.param.name); });
 
 TEST_F(TransTest, TotalLengthBoundsTheWalkAndFailuresDoNotStopIt) {
     Register(false, false);
@@ -199,7 +202,9 @@ TEST_P(SmoothRunTest, CallbacksAndEntriesSeeTheClassRecords) {
     bool ok = c.line.empty();
     EXPECT_EQ(qovtest::HasLine("orchI, smooth tbl proc failed. tableId = " + std::to_string(c.table) +
                                ", tlvType = 3, tlvLen = " + std::to_string(tlv.value.size())), !ok);
-    if (!ok) EXPECT_TRUE(qovtest::HasLine(c.line));
+    if (!ok) {
+        EXPECT_TRUE(qovtest::HasLine(c.line));
+    }
     EXPECT_EQ(QovHostSmoothUnbalanced(), c.unbalanced);
     // Records handed on are the TLVs' bytes from their tableId on, zero-filled.
     std::vector<size_t> offs;
@@ -213,8 +218,12 @@ TEST_P(SmoothRunTest, CallbacksAndEntriesSeeTheClassRecords) {
             EXPECT_EQ(call.arg[2], reinterpret_cast<uintptr_t>(hdl_->memFree));
         }
     }
-    if (c.firstAfter != 0) EXPECT_EQ(qovtest::GetU32(after.data() + 24), c.firstAfter);
-    if (tlv.value.size() < 12) EXPECT_EQ(Bytes(after.begin() + 24, after.end()), tlv.value) << "short value written";
+    if (c.firstAfter != 0) {
+        EXPECT_EQ(qovtest::GetU32(after.data() + 24), c.firstAfter);
+    }
+    if (tlv.value.size() < 12) {
+        EXPECT_EQ(Bytes(after.begin() + 24, after.end()), tlv.value) << "short value written";
+    }
 }
 
 using qovtest::Smooth;
@@ -253,7 +262,7 @@ INSTANTIATE_TEST_SUITE_P(
         SmoothCase{"EmptyValue", false, true, kDam, {Smooth(7, kDam)}, 0, kNone, kNone, "", 0, 0},
         SmoothCase{"ValueShorterThanHeadUntouched", false, true, kTyped, {{195, kTyped, {1, 2, 3, 4}, {}}}, 11, kNone,
                    kNone, "orchI, smooth tlv head cut short. remaining = 11", 0, 0}),
-    [](const auto &info) { return std::string(info.param.name); });
+    [](const auto &p) { return std::string(p.param.name); });
 
 std::vector<std::string> Prefix(const std::vector<std::string> &v, size_t n) { return {v.begin(), v.begin() + n}; }
 

@@ -37,7 +37,6 @@ constexpr size_t kMaxJournal = 1u << 16;
 std::atomic<bool> g_echo{true};
 std::atomic<bool> g_capture{true};
 std::atomic<bool> g_journalOn{true};
-std::atomic<uint32_t> g_faultsArmed{0};
 
 template <size_t N>
 void CopyStr(char (&dst)[N], const char *src) {
@@ -56,7 +55,10 @@ std::atomic<uint32_t> g_slot{1};
 std::atomic<uint32_t> g_cpu{0};
 std::atomic<uint32_t> g_orchId{0};
 std::atomic<int> g_orchIdEntry{1};
+std::atomic<uint32_t> g_faultsArmed{0};
 }  // namespace qovhost
+
+using qovhost::g_faultsArmed;
 
 extern "C" {
 

@@ -1,20 +1,27 @@
 // Keyed hash table of fixed-size elements that the table allocates itself.
 //
-// Each element sits behind a small header: the index node (its first word is
-// the element), the bucket chain link, the element's hash value and a linked
-// flag. Elements are carved from slabs and recycled through a free list, so a
-// new element costs at most one allocation and usually none; released
-// elements stay with the table until it is deleted. Bucket chains are singly
-// linked and a new element goes to the head of its chain; a chain is walked
-// comparing hash values first, so the compare function runs only on likely
-// matches. The bucket index is the hash value modulo the bucket count,
-// computed with a precomputed reciprocal. Large blocks (big bucket arrays and
-// slabs) are 2 MiB aligned and offered to the kernel for huge pages, which
-// keeps random access to a big table from missing the TLB on every lookup.
+// Index: open addressing with linear probing over a power-of-two array of
+// slots. A slot holds the element pointer beside the element's full hash
+// value, so a probe rejects a non-matching slot without touching its element
+// and a match costs one memory access for the element itself. The slot is the
+// index node handed to callers (its first word is the element); it stays
+// valid until the table next changes. The home slot comes from a remix of the
+// caller's hash, since a caller's hash may vary only in a few bits. Removal
+// shifts the rest of the probe run back (no tombstones), and the slot array
+// doubles before it is 5/8 full, so probe runs stay short.
+//
+// Buckets: the caller's bucket count only defines which elements count as one
+// bucket (hash modulo bucket count); a count per bucket is kept up to date so
+// the per-bucket count query costs one look-up.
+//
+// Elements sit behind an 8-byte header (hash value, linked flag) and are
+// carved from slabs at a stride chosen so that an element touches no more
+// cache lines than its size requires; released elements are recycled through
+// a free list, so a new element costs at most one allocation and usually
+// none. Large blocks are mapped 2 MiB aligned and offered for huge pages.
 //
 // The table's lock (TableLock below) costs its usual thread no atomic
-// read-modify-write: a fenced lock per call would serialise the memory
-// accesses of successive calls, which dominate the cost of a big table.
+// read-modify-write; any other thread takes a slow path kept out of line.
 #include <sched.h>
 #include <linux/membarrier.h>
 #include <sys/mman.h>
@@ -32,29 +39,35 @@
 namespace {
 
 struct ElemHdr {
-    LITE_HASH_NODE_S node;  // node.data points at the element, just behind this header
-    ElemHdr *next;          // bucket chain, or free list
     uint32_t hash;
     uint32_t linked;
 };
-static_assert(sizeof(ElemHdr) % 8 == 0, "elements behind the header stay 8-aligned");
-static_assert(offsetof(ElemHdr, node) == 0, "the index node is the element header's first word");
+static_assert(sizeof(ElemHdr) == 8, "elements behind the header stay 8-aligned");
+
+struct Slot {
+    LITE_HASH_NODE_S node;  // node.data is the element, null for a free slot
+    uint32_t hash;
+    uint32_t pad;
+};
+static_assert(offsetof(Slot, node) == 0 && sizeof(Slot) == 16, "four slots to a cache line");
 
 struct Slab {
     Slab *next;
     size_t bytes;
 };
 
-constexpr size_t kSlabHdr = (sizeof(Slab) + 7) & ~size_t{7};  // elements follow, 8-aligned
+constexpr size_t kLine = 64;
+constexpr size_t kSlabHdr = kLine;  // elements start on a cache line
 constexpr uint32_t kFirstSlabElems = 16;
+constexpr uint32_t kFirstSlots = 16;
 constexpr size_t kHugePage = size_t{2} << 20;
 constexpr size_t kMaxSlabBytes = 4 * kHugePage;
 
-// A block of at least size bytes. Blocks of a huge page or more are mapped
-// afresh, huge-page aligned and advised so (memory recycled by malloc would
-// keep the small pages it was first touched with).
+// A block of at least size bytes, cache-line aligned. Blocks of a huge page or
+// more are mapped afresh, huge-page aligned and advised so (memory recycled by
+// malloc would keep the small pages it was first touched with).
 void *BlockAlloc(size_t size) {
-    if (size < kHugePage) return std::malloc(size);
+    if (size < kHugePage) return std::aligned_alloc(kLine, (size + kLine - 1) & ~(kLine - 1));
     size = (size + kHugePage - 1) & ~(kHugePage - 1);
     size_t span = size + kHugePage;
     void *raw = mmap(nullptr, span, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -75,6 +88,24 @@ void BlockFree(void *block, size_t size) {
     }
 }
 
+// A zero-filled block (fresh mappings already are).
+void *BlockZalloc(size_t size) {
+    void *b = BlockAlloc(size);
+    if (b != nullptr && size < kHugePage) std::memset(b, 0, size);
+    return b;
+}
+
+// The smallest stride (a multiple of 8, at least size) at which no element of
+// a line-aligned slab touches more cache lines than its size needs.
+uint32_t StrideFor(uint32_t size) {
+    uint32_t lines = (size + kLine - 1) / kLine;
+    for (uint32_t stride = (size + 7) & ~7u;; stride += 8) {
+        bool fits = true;
+        for (uint32_t k = 0; k < kLine && fits; ++k) fits = (k * stride) % kLine + size <= lines * kLine;
+        if (fits) return stride;
+    }
+}
+
 bool AsymmetricFenceReady() {
     static const bool ready = syscall(__NR_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) == 0;
     return ready;
@@ -90,51 +121,62 @@ void Backoff(uint32_t &spins) {
 thread_local uint8_t t_self __attribute__((tls_model("initial-exec")));
 
 // The table's lock, biased to the thread that first changes the table (the
-// queue's writer and reader): that thread takes it with plain stores and no
-// hardware fence, so it keeps overlapping the memory accesses of successive
-// calls. Any other thread takes it the slow way: it announces itself and
-// forces a barrier on the owner with membarrier(2) before it checks whether
-// the owner is inside (Dekker's exclusion with an asymmetric fence). Without
-// membarrier nobody becomes owner and every thread takes the slow way.
+// queue's writer and reader). That thread, the owner, enters with a plain
+// store of ownerBusy_ and a plain load of otherWant_, with no hardware fence,
+// so successive calls keep overlapping their memory accesses. Any other thread
+// announces itself in otherWant_ and forces a barrier on the owner with
+// membarrier(2) before it checks ownerBusy_ (Dekker's exclusion with an
+// asymmetric fence). Each side enters only after an acquiring load of the
+// value the other side's release store left, so the hand-over is an ordinary
+// release/acquire pair, as a race detector sees it. Without membarrier nobody
+// becomes owner and every thread takes the slow way.
 class TableLock {
 public:
     // claim: the caller changes the table and may become its owner.
     void Lock(bool claim) {
-        const void *self = &t_self;
-        const void *owner = owner_.load(std::memory_order_seq_cst);
-        bool claimed = false;
-        if (owner == nullptr && claim && AsymmetricFenceReady() &&
-            owner_.compare_exchange_strong(owner, self, std::memory_order_seq_cst)) {
-            owner = self;
-            claimed = true;
+        if (owner_.load(std::memory_order_relaxed) == &t_self) {
+            ownerBusy_.store(1, std::memory_order_relaxed);
+            std::atomic_signal_fence(std::memory_order_seq_cst);  // the other side's HeavyFence orders this
+            if (otherWant_.load(std::memory_order_acquire) == 0) return;
         }
-        if (owner == self) {
-            OwnerLock(claimed);
-        } else {
-            OtherLock();
-        }
+        LockSlow(claim);
     }
     void Unlock() {
         if (owner_.load(std::memory_order_relaxed) == &t_self) {
             ownerBusy_.store(0, std::memory_order_release);
             return;
         }
-        otherWant_.store(0, std::memory_order_release);
-        others_.store(0, std::memory_order_release);
+        UnlockOther();
     }
 
 private:
-    // A thread that saw no owner yet did not fence the owner, so the lock that
-    // makes a thread the owner fences itself.
-    void OwnerLock(bool fence) {
+    __attribute__((noinline)) void LockSlow(bool claim) {
+        const void *self = &t_self;
+        const void *owner = owner_.load(std::memory_order_seq_cst);
+        if (owner == self) {
+            OwnerWait(false);
+            return;
+        }
+        if (owner == nullptr && claim && AsymmetricFenceReady() &&
+            owner_.compare_exchange_strong(owner, self, std::memory_order_seq_cst)) {
+            // A thread that saw no owner yet did not fence us: the first
+            // entry orders itself with a sequentially consistent exchange.
+            OwnerWait(true);
+            return;
+        }
+        OtherLock();
+    }
+    // The owner backs off while another thread is inside or waiting.
+    void OwnerWait(bool selfFenced) {
         for (uint32_t spins = 0;;) {
-            ownerBusy_.store(1, std::memory_order_relaxed);
-            if (fence) {
-                std::atomic_thread_fence(std::memory_order_seq_cst);
+            if (selfFenced) {
+                ownerBusy_.exchange(1, std::memory_order_seq_cst);
+                if (otherWant_.load(std::memory_order_seq_cst) == 0) return;
             } else {
-                std::atomic_signal_fence(std::memory_order_seq_cst);  // the other side's HeavyFence orders this
+                ownerBusy_.store(1, std::memory_order_relaxed);
+                std::atomic_signal_fence(std::memory_order_seq_cst);
+                if (otherWant_.load(std::memory_order_acquire) == 0) return;
             }
-            if (otherWant_.load(std::memory_order_acquire) == 0) return;
             ownerBusy_.store(0, std::memory_order_release);
             while (otherWant_.load(std::memory_order_acquire) != 0) Backoff(spins);
         }
@@ -146,6 +188,10 @@ private:
         otherWant_.store(1, std::memory_order_seq_cst);
         if (owner_.load(std::memory_order_seq_cst) != nullptr) HeavyFence();
         for (uint32_t spins = 0; ownerBusy_.load(std::memory_order_seq_cst) != 0;) Backoff(spins);
+    }
+    __attribute__((noinline)) void UnlockOther() {
+        otherWant_.store(0, std::memory_order_release);
+        others_.store(0, std::memory_order_release);
     }
 
     std::atomic<const void *> owner_{nullptr};
@@ -169,17 +215,21 @@ private:
 
 struct LITE_HASH {
     TableLock lock;
-    ElemHdr **buckets;
+    Slot *slots;
+    uint32_t mask;       // slot count - 1
+    uint32_t shift;      // 64 - log2(slot count), for the home slot
+    uint32_t growAt;     // linked elements at which the slot array doubles
+    int32_t count;       // linked elements
+    uint32_t *bucketCnt;
     uint32_t bucketNum;
-    uint64_t modMagic;  // ceil(2^64 / bucketNum), for a division-free modulo
-    uint32_t stride;    // header + element, rounded to 8 bytes
+    uint64_t modMagic;   // ceil(2^64 / bucketNum), for a division-free modulo
+    uint32_t stride;     // header + element, see StrideFor
     uint32_t elemSize;
-    int32_t count;      // linked elements
     LITE_HASH_KEY_FUNC hashFunc;
     LITE_HASH_CMP_FUNC cmpFunc;
-    ElemHdr *freeList;
+    void *freeList;      // released elements, linked through their first word
     Slab *slabs;
-    uint8_t *carve;     // next unused element of the newest slab
+    uint8_t *carve;      // next unused element header of the newest slab
     uint32_t carveLeft;
     uint32_t nextSlabElems;
 };
@@ -192,24 +242,79 @@ inline uint32_t BucketOf(const LITE_HASH_S *h, uint32_t hash) {
     return static_cast<uint32_t>((static_cast<__uint128_t>(low) * h->bucketNum) >> 64);
 }
 
-inline void *ElemOf(ElemHdr *hdr) { return hdr + 1; }
-inline ElemHdr *HdrOf(void *elem) { return static_cast<ElemHdr *>(elem) - 1; }
-
-// The link that points at the first element equal to key in its bucket, or null.
-ElemHdr **FindLink(LITE_HASH_S *h, uint32_t hash, const void *key) {
-    for (ElemHdr **link = &h->buckets[BucketOf(h, hash)]; *link != nullptr; link = &(*link)->next) {
-        if ((*link)->hash == hash && h->cmpFunc(ElemOf(*link), key) != 0) return link;
-    }
-    return nullptr;
+// The home slot: the top bits of a Fibonacci remix of the caller's hash.
+inline uint32_t HomeOf(const LITE_HASH_S *h, uint32_t hash) {
+    return static_cast<uint32_t>((hash * 0x9E3779B97F4A7C15ull) >> h->shift);
 }
 
-void Unlink(LITE_HASH_S *h, ElemHdr *hdr) {
-    for (ElemHdr **link = &h->buckets[BucketOf(h, hdr->hash)]; *link != nullptr; link = &(*link)->next) {
-        if (*link != hdr) continue;
-        *link = hdr->next;
-        hdr->linked = 0;
-        h->count--;
-        return;
+inline ElemHdr *HdrOf(void *elem) { return static_cast<ElemHdr *>(elem) - 1; }
+
+// The slot holding the first element equal to key, or null.
+inline Slot *FindSlot(LITE_HASH_S *h, uint32_t hash, const void *key) {
+    for (uint32_t i = HomeOf(h, hash);; i = (i + 1) & h->mask) {
+        Slot *s = &h->slots[i];
+        if (s->node.data == nullptr) return nullptr;
+        if (s->hash == hash && h->cmpFunc(s->node.data, key) != 0) return s;
+    }
+}
+
+// Places an element in the first free slot of its probe run.
+inline void Place(Slot *slots, uint32_t mask, uint32_t home, void *elem, uint32_t hash) {
+    uint32_t i = home;
+    while (slots[i].node.data != nullptr) i = (i + 1) & mask;
+    slots[i].node.data = elem;
+    slots[i].hash = hash;
+}
+
+void SetCapacity(LITE_HASH_S *h, Slot *slots, uint32_t n) {
+    h->slots = slots;
+    h->mask = n - 1;
+    h->shift = 64 - static_cast<uint32_t>(__builtin_ctz(n));
+    h->growAt = n / 8 * 5;
+}
+
+// Doubles the slot array and places every element again; false (and the
+// table unchanged) when the larger array cannot be had.
+bool Grow(LITE_HASH_S *h) {
+    uint32_t oldN = h->mask + 1;
+    if (oldN > (UINT32_MAX >> 2)) return false;
+    auto *fresh = static_cast<Slot *>(BlockZalloc(size_t{oldN} * 2 * sizeof(Slot)));
+    if (fresh == nullptr) return false;
+    Slot *old = h->slots;
+    SetCapacity(h, fresh, oldN * 2);
+    for (uint32_t i = 0; i < oldN; ++i) {
+        if (old[i].node.data != nullptr) Place(fresh, h->mask, HomeOf(h, old[i].hash), old[i].node.data, old[i].hash);
+    }
+    BlockFree(old, size_t{oldN} * sizeof(Slot));
+    return true;
+}
+
+// Empties slot i and shifts the rest of its probe run back, so that every
+// element stays reachable from its home without tombstones.
+void Vacate(LITE_HASH_S *h, uint32_t i) {
+    ElemHdr *hdr = HdrOf(h->slots[i].node.data);
+    hdr->linked = 0;
+    h->bucketCnt[BucketOf(h, hdr->hash)]--;
+    h->count--;
+    for (uint32_t j = i;;) {
+        j = (j + 1) & h->mask;
+        Slot *s = &h->slots[j];
+        if (s->node.data == nullptr) break;
+        // The element at j may fill the hole at i when i lies on its probe path.
+        if (((j - HomeOf(h, s->hash)) & h->mask) >= ((j - i) & h->mask)) {
+            h->slots[i] = *s;
+            i = j;
+        }
+    }
+    h->slots[i].node.data = nullptr;
+}
+
+// The slot that holds this very element, or null when it is not linked.
+Slot *SlotOfElem(LITE_HASH_S *h, void *elem) {
+    for (uint32_t i = HomeOf(h, HdrOf(elem)->hash);; i = (i + 1) & h->mask) {
+        Slot *s = &h->slots[i];
+        if (s->node.data == elem) return s;
+        if (s->node.data == nullptr) return nullptr;
     }
 }
 
@@ -227,16 +332,24 @@ bool GrowSlab(LITE_HASH_S *h) {
     return true;
 }
 
-ElemHdr *TakeElem(LITE_HASH_S *h) {
-    if (ElemHdr *hdr = h->freeList; hdr != nullptr) {
-        h->freeList = hdr->next;
-        return hdr;
+// A released element, or a fresh one from the newest slab. The slot array is
+// doubled here, ahead of the add that would need it, whenever this call does
+// not take a slab already, so that an append allocates at most once.
+void *TakeElem(LITE_HASH_S *h) {
+    if (void *e = h->freeList; e != nullptr) {
+        std::memcpy(&h->freeList, e, sizeof(void *));
+        if (static_cast<uint32_t>(h->count) + 1 >= h->growAt) (void)Grow(h);
+        return e;
     }
-    if (h->carveLeft == 0 && !GrowSlab(h)) return nullptr;
-    auto *hdr = reinterpret_cast<ElemHdr *>(h->carve);
+    if (h->carveLeft == 0) {
+        if (!GrowSlab(h)) return nullptr;
+    } else if (static_cast<uint32_t>(h->count) + 1 >= h->growAt) {
+        (void)Grow(h);
+    }
+    void *e = h->carve + sizeof(ElemHdr);
     h->carve += h->stride;
     h->carveLeft--;
-    return hdr;
+    return e;
 }
 
 }  // namespace
@@ -251,21 +364,25 @@ QOV_PLAT_API LITE_HASH_S *LITE_HASH_CreateWithLock(uint32_t memPtNo, uint16_t el
     int64_t r = 0;
     if (qovhost::Fail("LITE_HASH_CreateWithLock", &r)) return nullptr;
     if (bucketNum == 0 || hashFunc == nullptr || cmpFunc == nullptr) return nullptr;
-    size_t bucketBytes = size_t{bucketNum} * sizeof(ElemHdr *);
-    auto **buckets = static_cast<ElemHdr **>(BlockAlloc(bucketBytes));
-    if (buckets == nullptr) return nullptr;
-    std::memset(buckets, 0, bucketBytes);
+    size_t cntBytes = size_t{bucketNum} * sizeof(uint32_t);
+    auto *counts = static_cast<uint32_t *>(BlockZalloc(cntBytes));
+    auto *slots = static_cast<Slot *>(BlockZalloc(kFirstSlots * sizeof(Slot)));
     auto *h = new (std::nothrow) LITE_HASH;
-    if (h == nullptr) {
-        BlockFree(buckets, bucketBytes);
+    if (counts == nullptr || slots == nullptr || h == nullptr) {
+        if (counts != nullptr) BlockFree(counts, cntBytes);
+        if (slots != nullptr) BlockFree(slots, kFirstSlots * sizeof(Slot));
+        delete h;
         return nullptr;
     }
-    h->buckets = buckets;
+    SetCapacity(h, slots, kFirstSlots);
+    h->count = 0;
+    h->bucketCnt = counts;
     h->bucketNum = bucketNum;
     h->modMagic = UINT64_MAX / bucketNum + 1;
+    // Room for the free-list link in a released element, even a tiny one.
+    uint32_t body = elemSize < sizeof(void *) ? uint32_t{sizeof(void *)} : elemSize;
+    h->stride = StrideFor(static_cast<uint32_t>(sizeof(ElemHdr)) + body);
     h->elemSize = elemSize;
-    h->stride = static_cast<uint32_t>((sizeof(ElemHdr) + elemSize + 7) & ~size_t{7});
-    h->count = 0;
     h->hashFunc = hashFunc;
     h->cmpFunc = cmpFunc;
     h->freeList = nullptr;
@@ -284,7 +401,8 @@ QOV_PLAT_API void LITE_HASH_DeleteHash(LITE_HASH_S **hash) {
         next = s->next;
         BlockFree(s, s->bytes);
     }
-    BlockFree(h->buckets, size_t{h->bucketNum} * sizeof(ElemHdr *));
+    BlockFree(h->slots, (size_t{h->mask} + 1) * sizeof(Slot));
+    BlockFree(h->bucketCnt, size_t{h->bucketNum} * sizeof(uint32_t));
     delete h;
     *hash = nullptr;
 }
@@ -293,27 +411,25 @@ QOV_PLAT_API void *LITE_HASH_NewData(LITE_HASH_S *hash, uint32_t flags) {
     (void)flags;
     int64_t r = 0;
     if (hash == nullptr || qovhost::Fail("LITE_HASH_NewData", &r)) return nullptr;
-    ElemHdr *hdr;
+    void *e;
     {
         Guard g(hash->lock, true);
-        hdr = TakeElem(hash);
+        e = TakeElem(hash);
     }
-    if (hdr == nullptr) return nullptr;
-    hdr->next = nullptr;
-    hdr->linked = 0;
-    hdr->node.data = ElemOf(hdr);
-    return hdr->node.data;
+    if (e != nullptr) HdrOf(e)->linked = 0;
+    return e;
 }
 
 // An element that is still linked is unlinked first, so a caller that failed
-// to remove it cannot leave a released element in a chain.
+// to remove it cannot leave a released element in the index.
 QOV_PLAT_API void LITE_HASH_FreeData(LITE_HASH_S *hash, void *element) {
     if (hash == nullptr || element == nullptr) return;
-    ElemHdr *hdr = HdrOf(element);
     Guard g(hash->lock, true);
-    if (hdr->linked != 0) Unlink(hash, hdr);
-    hdr->next = hash->freeList;
-    hash->freeList = hdr;
+    if (HdrOf(element)->linked != 0) {
+        if (Slot *s = SlotOfElem(hash, element); s != nullptr) Vacate(hash, static_cast<uint32_t>(s - hash->slots));
+    }
+    std::memcpy(element, &hash->freeList, sizeof(void *));
+    hash->freeList = element;
 }
 
 QOV_PLAT_API uint32_t LITE_HASH_AddNode(LITE_HASH_S *hash, const void *key, void *element, uint32_t flags) {
@@ -323,12 +439,15 @@ QOV_PLAT_API uint32_t LITE_HASH_AddNode(LITE_HASH_S *hash, const void *key, void
     if (hash == nullptr || key == nullptr || element == nullptr) return 1;
     ElemHdr *hdr = HdrOf(element);
     if (hdr->linked != 0) return 1;
-    hdr->hash = hash->hashFunc(key);
-    uint32_t b = BucketOf(hash, hdr->hash);
+    uint32_t hv = hash->hashFunc(key);
     Guard g(hash->lock, true);
+    // Normally grown already when the element was taken; this keeps a free
+    // slot for elements added without a fresh NewData.
+    if (static_cast<uint32_t>(hash->count) + 1 > hash->mask - hash->mask / 8 && !Grow(hash)) return 1;
+    hdr->hash = hv;
     hdr->linked = 1;
-    hdr->next = hash->buckets[b];
-    hash->buckets[b] = hdr;
+    Place(hash->slots, hash->mask, HomeOf(hash, hv), element, hv);
+    hash->bucketCnt[BucketOf(hash, hv)]++;
     hash->count++;
     return 0;
 }
@@ -337,8 +456,8 @@ QOV_PLAT_API LITE_HASH_NODE_S *LITE_HASH_FindNodeFromFirst(LITE_HASH_S *hash, co
     if (hash == nullptr || key == nullptr) return nullptr;
     uint32_t hv = hash->hashFunc(key);
     Guard g(hash->lock, true);
-    ElemHdr **link = FindLink(hash, hv, key);
-    return link == nullptr ? nullptr : &(*link)->node;
+    Slot *s = FindSlot(hash, hv, key);
+    return s == nullptr ? nullptr : &s->node;
 }
 
 QOV_PLAT_API void *LITE_HASH_RemoveNodeByKey(LITE_HASH_S *hash, const void *key) {
@@ -347,22 +466,18 @@ QOV_PLAT_API void *LITE_HASH_RemoveNodeByKey(LITE_HASH_S *hash, const void *key)
     if (hash == nullptr || key == nullptr) return nullptr;
     uint32_t hv = hash->hashFunc(key);
     Guard g(hash->lock, true);
-    ElemHdr **link = FindLink(hash, hv, key);
-    if (link == nullptr) return nullptr;
-    ElemHdr *hdr = *link;
-    *link = hdr->next;
-    hdr->linked = 0;
-    hash->count--;
-    return ElemOf(hdr);
+    Slot *s = FindSlot(hash, hv, key);
+    if (s == nullptr) return nullptr;
+    void *e = s->node.data;
+    Vacate(hash, static_cast<uint32_t>(s - hash->slots));
+    return e;
 }
 
 QOV_PLAT_API int32_t LITE_HASH_GetListCntByKey(LITE_HASH_S *hash, const void *key) {
     if (hash == nullptr || key == nullptr) return 0;
     uint32_t b = BucketOf(hash, hash->hashFunc(key));
     Guard g(hash->lock, false);
-    int32_t n = 0;
-    for (ElemHdr *e = hash->buckets[b]; e != nullptr; e = e->next) n++;
-    return n;
+    return static_cast<int32_t>(hash->bucketCnt[b]);
 }
 
 QOV_PLAT_API int32_t LITE_HASH_GetHashCnt(LITE_HASH_S *hash) {
