@@ -9,7 +9,12 @@
 #include "qov_utils_base.h"
 
 #ifdef __cplusplus
+#include <cstddef>
+#define QOV_EAL_STATIC_ASSERT(c, m) static_assert(c, m)
 extern "C" {
+#else
+#include <stddef.h>
+#define QOV_EAL_STATIC_ASSERT(c, m) _Static_assert(c, m)
 #endif
 
 typedef void *(*QOV_EAL_MEM_ALLOC)(uint32_t size);
@@ -25,6 +30,9 @@ typedef struct QOV_EAL_CreatePara {
     QOV_EAL_MEM_FREE memFree;
     uint64_t rsv1;
 } QOV_EAL_CreatePara;
+QOV_EAL_STATIC_ASSERT(sizeof(QOV_EAL_CreatePara) == 40, "EAL creation record is 40 bytes");
+QOV_EAL_STATIC_ASSERT(offsetof(QOV_EAL_CreatePara, memAlloc) == 16 && offsetof(QOV_EAL_CreatePara, memFree) == 24,
+                      "memory functions at 16 and 24");
 
 /* Thread kinds, which are also the epoll indexes of QOV_EAL_GetEpollFd. */
 #define QOV_EAL_THREAD_DATA 0u
@@ -38,6 +46,9 @@ typedef struct QOV_EAL_ThreadPara {
     char threadName[32];
     uint32_t threadAttr;
 } QOV_EAL_ThreadPara;
+QOV_EAL_STATIC_ASSERT(sizeof(QOV_EAL_ThreadPara) == 40, "EAL thread record is 40 bytes");
+QOV_EAL_STATIC_ASSERT(offsetof(QOV_EAL_ThreadPara, threadName) == 4, "thread name at 4");
+QOV_EAL_STATIC_ASSERT(offsetof(QOV_EAL_ThreadPara, threadAttr) == 36, "thread attribute at 36");
 
 /* Unicast channel parameter record (192 bytes). */
 typedef struct QOV_EAL_ChanPara {
@@ -60,6 +71,17 @@ typedef struct QOV_EAL_ChanPara {
     uint64_t chanUsrData;
     uint8_t rsv136[56];
 } QOV_EAL_ChanPara;
+QOV_EAL_STATIC_ASSERT(sizeof(QOV_EAL_ChanPara) == 192, "channel record is 192 bytes");
+QOV_EAL_STATIC_ASSERT(offsetof(QOV_EAL_ChanPara, word4) == 4, "word at 4");
+QOV_EAL_STATIC_ASSERT(offsetof(QOV_EAL_ChanPara, chanName) == 8, "channel name at 8");
+QOV_EAL_STATIC_ASSERT(offsetof(QOV_EAL_ChanPara, word72) == 72, "word at 72");
+QOV_EAL_STATIC_ASSERT(offsetof(QOV_EAL_ChanPara, chanThreadId) == 76, "chanThreadId at 76");
+QOV_EAL_STATIC_ASSERT(offsetof(QOV_EAL_ChanPara, word80) == 80, "word at 80");
+QOV_EAL_STATIC_ASSERT(offsetof(QOV_EAL_ChanPara, serverAddrFunc) == 88, "server address function at 88");
+QOV_EAL_STATIC_ASSERT(offsetof(QOV_EAL_ChanPara, word96) == 96, "word at 96");
+QOV_EAL_STATIC_ASSERT(offsetof(QOV_EAL_ChanPara, serverPort) == 108, "server port at 108");
+QOV_EAL_STATIC_ASSERT(offsetof(QOV_EAL_ChanPara, word120) == 120, "word at 120");
+QOV_EAL_STATIC_ASSERT(offsetof(QOV_EAL_ChanPara, chanUsrData) == 128, "user value at 128");
 
 /* Sync-group item (64 bytes). */
 typedef struct QOV_EAL_SyncGrpItem {
@@ -79,11 +101,17 @@ typedef struct QOV_EAL_SyncGrpItem {
     uint32_t word13;
     void (*notifyFunc)(void);
 } QOV_EAL_SyncGrpItem;
+QOV_EAL_STATIC_ASSERT(sizeof(QOV_EAL_SyncGrpItem) == 64, "sync-group item is 64 bytes");
+QOV_EAL_STATIC_ASSERT(offsetof(QOV_EAL_SyncGrpItem, logicThreadId) == 12, "logicThreadId at 12");
+QOV_EAL_STATIC_ASSERT(offsetof(QOV_EAL_SyncGrpItem, commThreadId) == 16, "commThreadId at 16");
+QOV_EAL_STATIC_ASSERT(offsetof(QOV_EAL_SyncGrpItem, verifyInterval) == 40, "verifyInterval at 40");
+QOV_EAL_STATIC_ASSERT(offsetof(QOV_EAL_SyncGrpItem, notifyFunc) == 56, "notifyFunc at 56");
 
 /* Sync-group flow-control record (48 bytes), the EAL's own content. */
 typedef struct QOV_EAL_SyncGrpFlowCtl {
     uint32_t word[12];
 } QOV_EAL_SyncGrpFlowCtl;
+QOV_EAL_STATIC_ASSERT(sizeof(QOV_EAL_SyncGrpFlowCtl) == 48, "flow-control record is 48 bytes");
 
 /* ---- Instance lifecycle ---- */
 QOV_PLAT_API void *QOV_EAL_Create(const char *name, const QOV_EAL_CreatePara *para);

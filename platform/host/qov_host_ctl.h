@@ -9,6 +9,7 @@
 #include <stddef.h>
 #include <stdint.h>
 #include "qov_utils_base.h"
+#include "qov_utils_eal.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -93,6 +94,68 @@ QOV_PLAT_API int32_t QovHostSmoothOpen(uint32_t tableId, uint32_t kind);
 /* Number of (table, kind) brackets that do not balance. */
 QOV_PLAT_API uint32_t QovHostSmoothUnbalanced(void);
 QOV_PLAT_API void QovHostSmoothReset(void);
+
+/* ---- EAL instances: what was registered, and how it runs ----
+ * Each row is a snapshot; 0 on success, -1 for an unknown instance or an
+ * index out of range. */
+typedef struct QovHostThreadRow {
+    QOV_EAL_ThreadPara para; /* the record as registered (zero when not) */
+    uint32_t registered;
+    uint32_t running;        /* 1 between QOV_EAL_Start and QOV_EAL_Destroy */
+    int32_t tid;             /* the kernel's id of the running thread, else 0 */
+    uint32_t rsv;
+} QovHostThreadRow;
+QOV_PLAT_API int QovHostThreadGet(void *eal, uint32_t kind, QovHostThreadRow *out);
+
+/* Connection states of a channel or a sync-group link. */
+#define QOV_HOST_LINK_IDLE 0u    /* not started, or no link set up */
+#define QOV_HOST_LINK_WAIT 1u    /* waiting to (re)connect, or listening */
+#define QOV_HOST_LINK_UP 2u
+typedef struct QovHostChanRow {
+    QOV_EAL_ChanPara para;
+    uint32_t registered;
+    uint32_t pressed;
+    uint32_t state;          /* QOV_HOST_LINK_ */
+    uint32_t connects;       /* connections made */
+    uint64_t framesIn;       /* frames read */
+    uint64_t framesRefused;  /* frames the receive function returned non-zero for */
+    uint64_t framesBad;      /* frames dropped for magic or length */
+    uint32_t presses;        /* QOV_CHAN_BackPress calls that succeeded */
+    uint32_t releases;       /* QOV_CHAN_UnBackPress calls that succeeded */
+} QovHostChanRow;
+QOV_PLAT_API int QovHostChanGet(void *eal, uint32_t chanIdx, QovHostChanRow *out);
+
+typedef struct QovHostSyncRow {
+    QOV_EAL_SyncGrpItem item;
+    QOV_EAL_SyncGrpFlowCtl flowCtl;
+    uint64_t msgSet;
+    uint32_t registered;
+    uint32_t flowCtlSet;
+    uint32_t msgSetSet;
+    uint32_t pressed;
+    uint32_t state;          /* QOV_HOST_LINK_ */
+    uint32_t rsv;
+    uint64_t sent;           /* frames sent by QOV_EAL_SyncMsg */
+    uint64_t delivered;      /* frames handed to the receive function */
+} QovHostSyncRow;
+QOV_PLAT_API int QovHostSyncGet(void *eal, uint32_t grpId, QovHostSyncRow *out);
+
+typedef struct QovHostModRow {
+    uint64_t modStateRsp;    /* as given to QOV_EAL_RegModStateRsp */
+    uint32_t modStateRspArg;
+    uint32_t modStateSet;
+    uint32_t rsvPortPara0;   /* as given to QOV_EAL_ReservePort */
+    uint32_t rsvPortPara1;
+    uint32_t rsvPortSet;
+    uint32_t rsv;
+} QovHostModRow;
+QOV_PLAT_API int QovHostModGet(void *eal, QovHostModRow *out);
+
+/* The bound on a frame's body (QOV_HOST_FRAME_MAX_DEFAULT at first). A
+ * connection uses the bound in force when it was made. Values of 0 or over
+ * QOV_HOST_FRAME_MAX_LIMIT are refused with -1. */
+QOV_PLAT_API int QovHostSetFrameMax(uint32_t maxBody);
+QOV_PLAT_API uint32_t QovHostFrameMax(void);
 
 #ifdef __cplusplus
 }

@@ -3,6 +3,8 @@
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -22,15 +24,18 @@ std::mutex g_liveMu;
 std::set<EalInstance *> *g_live = new std::set<EalInstance *>;
 
 void RunLoop(EalInstance *eal, uint32_t kind) {
-    if (eal->threadName[kind][0] != '\0') {
-        char shortName[16];
-        std::snprintf(shortName, sizeof shortName, "%s", eal->threadName[kind]);
+    const char *name = eal->threadPara[kind].threadName;
+    if (name[0] != '\0') {
+        char shortName[16] = {};  // what the kernel takes
+        std::memcpy(shortName, name, strnlen(name, sizeof shortName - 1));
         pthread_setname_np(pthread_self(), shortName);
     }
+    eal->tid[kind] = static_cast<int32_t>(gettid());
     bool stopped = false;
     while (!stopped) {
         if (EpollRunOnce(eal->epFd[kind], -1, eal->stopFd, &stopped) < 0) break;
     }
+    eal->tid[kind] = 0;
 }
 
 void CloseAll(EalInstance *eal) {
@@ -61,6 +66,11 @@ bool OpenAll(EalInstance *eal) {
 
 }  // namespace
 
+int32_t ServingSet(const EalInstance &e, uint32_t threadId) {
+    bool runs = threadId < QOV_EAL_THREAD_KIND_NUM && (e.runMask & (1u << threadId)) != 0;
+    return e.epFd[runs ? threadId : QOV_EAL_THREAD_DATA];
+}
+
 EalInstance *LiveEal(void *eal) {
     std::lock_guard<std::mutex> lk(g_liveMu);
     auto *e = static_cast<EalInstance *>(eal);
@@ -82,6 +92,8 @@ QOV_PLAT_API void *QOV_EAL_Create(const char *name, const QOV_EAL_CreatePara *pa
     auto *eal = new EalInstance;
     std::snprintf(eal->name, sizeof eal->name, "%s", name);
     eal->para = *para;
+    for (uint32_t i = 0; i < qovhost::kChanNum; ++i) eal->chan[i].link.Init(qovhost::Link::Kind::kChan, i, eal);
+    for (uint32_t i = 0; i < qovhost::kSyncGrpMax; ++i) eal->syncGrp[i].link.Init(qovhost::Link::Kind::kSync, i, eal);
     if (!qovhost::OpenAll(eal)) {
         qovhost::CloseAll(eal);
         delete eal;
@@ -105,13 +117,26 @@ QOV_PLAT_API uint32_t QOV_EAL_Start(void *eal) {
     uint32_t ret = 0;
     if (qovhost::Enter("QOV_EAL_Start", {qovhost::U(eal)}, &ret)) return ret;
     EalInstance *e = LiveEal(eal);
-    if (e == nullptr || !e->inited || e->started) return 1;
-    uint32_t mask = e->threadMask | (1u << QOV_EAL_THREAD_DATA);
+    if (e == nullptr) return 1;
+    std::lock_guard<std::mutex> lk(e->mu);
+    if (!e->inited || e->started) return 1;
+    e->runMask = e->threadMask | (1u << QOV_EAL_THREAD_DATA);
     for (uint32_t k = 0; k < QOV_EAL_THREAD_KIND_NUM; ++k) {
-        if ((mask & (1u << k)) == 0) continue;
+        if ((e->runMask & (1u << k)) == 0) continue;
         e->threads[k] = std::thread(qovhost::RunLoop, e, k);
     }
     e->started = true;
+    // Every registered channel connects to its broker; sync links that are
+    // set up already start too (later ones start when they are set up).
+    for (qovhost::EalChannel &c : e->chan) {
+        if (!c.registered) continue;
+        c.link.addr = c.para.serverAddrFunc != nullptr ? c.para.serverAddrFunc() : htonl(INADDR_LOOPBACK);
+        c.link.port = ntohs(c.para.serverPort);
+        c.link.configured = true;
+        qovhost::LinkStart(c.link, qovhost::ServingSet(*e, c.para.chanThreadId));
+    }
+    for (qovhost::EalSyncGrp &g : e->syncGrp)
+        if (g.link.configured) qovhost::LinkStart(g.link, qovhost::ServingSet(*e, g.item.logicThreadId));
     return 0;
 }
 
@@ -155,6 +180,8 @@ QOV_PLAT_API void QOV_EAL_Destroy(void *eal) {
     for (std::thread &t : e->threads)
         if (t.joinable()) t.join();
     qovhost::CloseAll(e);
+    for (qovhost::EalChannel &c : e->chan) qovhost::LinkClose(c.link);
+    for (qovhost::EalSyncGrp &g : e->syncGrp) qovhost::LinkClose(g.link);
     delete e;
 }
 
@@ -164,14 +191,17 @@ QOV_PLAT_API uint32_t QOV_EAL_RegThread(void *eal, const QOV_EAL_ThreadPara *thr
     int64_t r = 0;
     if (qovhost::Fail("QOV_EAL_RegThread", &r)) return static_cast<uint32_t>(r);
     EalInstance *e = LiveEal(eal);
-    if (e == nullptr || e->started || (threads == nullptr && num != 0) || num > QOV_EAL_THREAD_KIND_NUM) return 1;
+    if (e == nullptr || (threads == nullptr && num != 0) || num > QOV_EAL_THREAD_KIND_NUM) return 1;
+    std::lock_guard<std::mutex> lk(e->mu);
+    if (e->started) return 1;
     for (uint32_t i = 0; i < num; ++i) {
         if (threads[i].threadId >= QOV_EAL_THREAD_KIND_NUM) return 1;
     }
     for (uint32_t i = 0; i < num; ++i) {
         uint32_t k = threads[i].threadId;
         e->threadMask |= 1u << k;
-        std::snprintf(e->threadName[k], sizeof e->threadName[k], "%.*s", 31, threads[i].threadName);
+        e->threadPara[k] = threads[i];
+        e->threadPara[k].threadName[sizeof e->threadPara[k].threadName - 1] = '\0';
     }
     return 0;
 }
@@ -179,13 +209,43 @@ QOV_PLAT_API uint32_t QOV_EAL_RegThread(void *eal, const QOV_EAL_ThreadPara *thr
 QOV_PLAT_API uint32_t QOV_EAL_RegModStateRsp(void *eal, uint64_t modStateRsp, uint32_t modStateRspArg) {
     uint32_t ret = 0;
     if (qovhost::Enter("QOV_EAL_RegModStateRsp", {qovhost::U(eal), modStateRsp, modStateRspArg}, &ret)) return ret;
-    return LiveEal(eal) != nullptr ? 0 : 1;
+    EalInstance *e = LiveEal(eal);
+    if (e == nullptr) return 1;
+    std::lock_guard<std::mutex> lk(e->mu);
+    e->modStateRsp = modStateRsp;
+    e->modStateRspArg = modStateRspArg;
+    e->modStateSet = true;
+    return 0;
 }
 
 QOV_PLAT_API uint32_t QOV_EAL_ReservePort(void *eal, uint32_t para0, uint32_t para1) {
     uint32_t ret = 0;
     if (qovhost::Enter("QOV_EAL_ReservePort", {qovhost::U(eal), para0, para1}, &ret)) return ret;
-    return LiveEal(eal) != nullptr ? 0 : 1;
+    EalInstance *e = LiveEal(eal);
+    if (e == nullptr) return 1;
+    std::lock_guard<std::mutex> lk(e->mu);
+    e->rsvPort[0] = para0;
+    e->rsvPort[1] = para1;
+    e->rsvPortSet = true;
+    return 0;
+}
+
+QOV_PLAT_API int QovHostThreadGet(void *eal, uint32_t kind, QovHostThreadRow *out) {
+    EalInstance *e = LiveEal(eal);
+    if (e == nullptr || kind >= QOV_EAL_THREAD_KIND_NUM || out == nullptr) return -1;
+    std::lock_guard<std::mutex> lk(e->mu);
+    *out = QovHostThreadRow{e->threadPara[kind], (e->threadMask >> kind) & 1u, (e->runMask >> kind) & 1u,
+                            e->tid[kind].load(), 0};
+    return 0;
+}
+
+QOV_PLAT_API int QovHostModGet(void *eal, QovHostModRow *out) {
+    EalInstance *e = LiveEal(eal);
+    if (e == nullptr || out == nullptr) return -1;
+    std::lock_guard<std::mutex> lk(e->mu);
+    *out = QovHostModRow{e->modStateRsp, e->modStateRspArg, e->modStateSet, e->rsvPort[0], e->rsvPort[1],
+                         e->rsvPortSet, 0};
+    return 0;
 }
 
 }  // extern "C"

@@ -13,6 +13,14 @@ namespace qovhost {
 // set is forgotten. The callback gets usrData on every expiry.
 uint32_t EpollAddTimer(int32_t epFd, int32_t timerFd, QOV_TIMER_CALLBACK cb, uint64_t usrData);
 
+// Registers a descriptor the set does not own, watched for reading or not.
+uint32_t EpollAddFd(int32_t epFd, int32_t fd, bool reading, QOV_EPOLL_CALLBACK cb, void *usrData);
+// Starts or stops watching a registered descriptor for reading.
+uint32_t EpollSetReading(int32_t epFd, int32_t fd, bool reading);
+// Removes a registration (only a timer's when timerOnly), closing what the set
+// owns; waits while another thread dispatches it. 1 when there is none.
+uint32_t EpollRemove(int32_t epFd, int32_t fd, bool timerOnly);
+
 // Removes every registration of an epoll set, closing the descriptors it owns.
 void EpollForgetSet(int32_t epFd);
 

@@ -111,6 +111,32 @@ uint32_t EpollAddTimer(int32_t epFd, int32_t timerFd, QOV_TIMER_CALLBACK cb, uin
     return Add(reg, QOV_EPOLL_IN);
 }
 
+uint32_t EpollAddFd(int32_t epFd, int32_t fd, bool reading, QOV_EPOLL_CALLBACK cb, void *usrData) {
+    Reg reg{epFd, fd, cb, usrData, nullptr, 0, false, 0, {}};
+    return Add(reg, reading ? QOV_EPOLL_IN : 0);
+}
+
+uint32_t EpollSetReading(int32_t epFd, int32_t fd, bool reading) {
+    Table &t = T();
+    std::lock_guard<std::mutex> lk(t.mu);
+    auto it = t.byFd.find({epFd, fd});
+    if (it == t.byFd.end()) return 1;
+    epoll_event ev{};
+    ev.events = reading ? static_cast<uint32_t>(EPOLLIN) : 0u;
+    ev.data.u64 = it->second;
+    return epoll_ctl(epFd, EPOLL_CTL_MOD, fd, &ev) == 0 ? 0 : 1;
+}
+
+uint32_t EpollRemove(int32_t epFd, int32_t fd, bool timerOnly) {
+    Table &t = T();
+    std::unique_lock<std::mutex> lk(t.mu);
+    auto it = t.byFd.find({epFd, fd});
+    if (it == t.byFd.end()) return 1;
+    if (timerOnly && !t.byId[it->second].isTimer) return 1;
+    Remove(lk, it->second);
+    return 0;
+}
+
 void EpollForgetSet(int32_t epFd) {
     Table &t = T();
     std::unique_lock<std::mutex> lk(t.mu);
@@ -163,6 +189,10 @@ QOV_PLAT_API uint32_t QOV_EPOLL_DEL(int32_t epFd, int32_t fd) {
     if (it == t.byFd.end()) return 1;
     qovhost::Remove(lk, it->second);
     return 0;
+}
+
+QOV_PLAT_API uint32_t QovHostTimerCancel(int32_t epFd, int32_t timerFd) {
+    return qovhost::EpollRemove(epFd, timerFd, true);
 }
 
 QOV_PLAT_API int32_t QovHostEpollRunOnce(int32_t epFd, int32_t timeoutMs) {
