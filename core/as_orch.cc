@@ -24,6 +24,7 @@ constexpr BaseStep kBaseSteps[] = {
     {"SyncGroup", ASOrchRegSyncGrpBase},
     {"ReservePort", ASOrchReservePort},
     {"channel", ASOrchRegBaseChan},
+    {"TblMsg", ASOrchRegTblMsg},
     {"MergeMQue", ASOrchRegMerge},
 };
 

@@ -86,7 +86,9 @@ void Check(bool ok) {
     if (!ok) __builtin_trap();
 }
 
-void Register() {
+bool Register() {
+    QovHostLogEcho(0);
+    QovHostLogCapture(0);
     ASOrchCreatePara para{0, 0, Alloc, Free, 0};
     g_hdl = ASOrchCreate("fuzzI", &para);
     Check(g_hdl != nullptr);
@@ -126,19 +128,16 @@ void Register() {
     para2.transTblMsgList[1] = {base[1], 2};
     Check(ASOrchRegMerge(g_hdl, &para2) == 0);
     Check(ASOrchRegTblMsg(g_hdl, &para2) == 0);
-    for (const ASOrchTransTblMsg &d : late) Check(ASOrchRegTblTrans(g_hdl, kTransTables[d.tblParam - 100].path, &d, 1) == 0);
+    for (const ASOrchTransTblMsg &d : late)
+        Check(ASOrchRegTblTrans(g_hdl, kTransTables[d.tblParam - 100].path, &d, 1) == 0);
+    return true;
 }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    QovHostLogEcho(0);
-    QovHostLogCapture(0);
-    Register();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    static const bool ready = Register();
+    (void)ready;
     if (size < 1 || size > (1u << 20)) return 0;
     uint8_t sel = data[0];
     bool trans = sel < 16;

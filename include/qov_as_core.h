@@ -48,18 +48,18 @@ typedef struct ASOrchCreatePara {
     ASOrchMemFreeFunc memFree;
     uint32_t ealCreateWord1;  /* handed to the EAL unchanged */
 } ASOrchCreatePara;
-QOV_AS_LAYOUT(sizeof(ASOrchCreatePara) == 32);
-QOV_AS_LAYOUT(offsetof(ASOrchCreatePara, memAlloc) == 8);
-QOV_AS_LAYOUT(offsetof(ASOrchCreatePara, memFree) == 16);
-QOV_AS_LAYOUT(offsetof(ASOrchCreatePara, ealCreateWord1) == 24);
+QOV_AS_STATIC_ASSERT(sizeof(ASOrchCreatePara) == 32, "ASOrchCreatePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchCreatePara, memAlloc) == 8, "ASOrchCreatePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchCreatePara, memFree) == 16, "ASOrchCreatePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchCreatePara, ealCreateWord1) == 24, "ASOrchCreatePara layout");
 
 /* Channel slot k of the base-registration record selects channel kind k. */
 typedef struct ASOrchChanSlot {
     uint32_t realServerPort; /* 0: slot not used; low 16 bits: server port, host order */
     uint64_t chanUsrData;    /* copied into the channel parameter record */
 } ASOrchChanSlot;
-QOV_AS_LAYOUT(sizeof(ASOrchChanSlot) == 16);
-QOV_AS_LAYOUT(offsetof(ASOrchChanSlot, chanUsrData) == 8);
+QOV_AS_STATIC_ASSERT(sizeof(ASOrchChanSlot) == 16, "ASOrchChanSlot layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchChanSlot, chanUsrData) == 8, "ASOrchChanSlot layout");
 
 #define AS_ORCH_CHAN_SLOT_NUM 8u
 
@@ -78,25 +78,25 @@ typedef struct ASOrchBasePara {
     ASOrchMergePara damMerge;
     ASOrchMergePara fesMerge;
 } ASOrchBasePara;
-QOV_AS_LAYOUT(sizeof(ASOrchTblMsgList) == 16);
-QOV_AS_LAYOUT(offsetof(ASOrchTblMsgList, num) == 8);
-QOV_AS_LAYOUT(sizeof(ASOrchMergePara) == 40);
-QOV_AS_LAYOUT(offsetof(ASOrchMergePara, dispatchNum) == 8);
-QOV_AS_LAYOUT(offsetof(ASOrchMergePara, hashSize) == 16);
-QOV_AS_LAYOUT(offsetof(ASOrchMergePara, hashFunc) == 24);
-QOV_AS_LAYOUT(offsetof(ASOrchMergePara, highWater) == 32);
-QOV_AS_LAYOUT(offsetof(ASOrchMergePara, lowWater) == 36);
-QOV_AS_LAYOUT(offsetof(ASOrchBasePara, modStateRsp) == 8);
-QOV_AS_LAYOUT(offsetof(ASOrchBasePara, modStateRspArg) == 16);
-QOV_AS_LAYOUT(offsetof(ASOrchBasePara, syncGrpMsgSet) == 24);
-QOV_AS_LAYOUT(offsetof(ASOrchBasePara, rsvPortPara0) == 56);
-QOV_AS_LAYOUT(offsetof(ASOrchBasePara, rsvPortPara1) == 60);
-QOV_AS_LAYOUT(offsetof(ASOrchBasePara, chan) == 64);
-QOV_AS_LAYOUT(offsetof(ASOrchBasePara, recvTblMsgList) == 192);
-QOV_AS_LAYOUT(offsetof(ASOrchBasePara, transTblMsgList) == 224);
-QOV_AS_LAYOUT(offsetof(ASOrchBasePara, damMerge) == 256);
-QOV_AS_LAYOUT(offsetof(ASOrchBasePara, fesMerge) == 296);
-QOV_AS_LAYOUT(sizeof(ASOrchBasePara) == 336);
+QOV_AS_STATIC_ASSERT(sizeof(ASOrchTblMsgList) == 16, "ASOrchTblMsgList layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchTblMsgList, num) == 8, "ASOrchTblMsgList layout");
+QOV_AS_STATIC_ASSERT(sizeof(ASOrchMergePara) == 40, "ASOrchMergePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchMergePara, dispatchNum) == 8, "ASOrchMergePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchMergePara, hashSize) == 16, "ASOrchMergePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchMergePara, hashFunc) == 24, "ASOrchMergePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchMergePara, highWater) == 32, "ASOrchMergePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchMergePara, lowWater) == 36, "ASOrchMergePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchBasePara, modStateRsp) == 8, "ASOrchBasePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchBasePara, modStateRspArg) == 16, "ASOrchBasePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchBasePara, syncGrpMsgSet) == 24, "ASOrchBasePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchBasePara, rsvPortPara0) == 56, "ASOrchBasePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchBasePara, rsvPortPara1) == 60, "ASOrchBasePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchBasePara, chan) == 64, "ASOrchBasePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchBasePara, recvTblMsgList) == 192, "ASOrchBasePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchBasePara, transTblMsgList) == 224, "ASOrchBasePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchBasePara, damMerge) == 256, "ASOrchBasePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchBasePara, fesMerge) == 296, "ASOrchBasePara layout");
+QOV_AS_STATIC_ASSERT(sizeof(ASOrchBasePara) == 336, "ASOrchBasePara layout");
 
 /* Runs the seven registration steps ("RegThread", "ModStateRsp", "SyncGroup",
  * "ReservePort", "channel", "TblMsg", "MergeMQue") in that order and stops at
@@ -134,17 +134,17 @@ typedef struct ASOrchChanPara {
     uint64_t chanUsrData;
     uint8_t rsv136[56];
 } ASOrchChanPara;
-QOV_AS_LAYOUT(sizeof(ASOrchChanPara) == 192);
-QOV_AS_LAYOUT(offsetof(ASOrchChanPara, word4) == 4);
-QOV_AS_LAYOUT(offsetof(ASOrchChanPara, chanName) == 8);
-QOV_AS_LAYOUT(offsetof(ASOrchChanPara, word72) == 72);
-QOV_AS_LAYOUT(offsetof(ASOrchChanPara, chanThreadId) == 76);
-QOV_AS_LAYOUT(offsetof(ASOrchChanPara, word80) == 80);
-QOV_AS_LAYOUT(offsetof(ASOrchChanPara, serverAddrFunc) == 88);
-QOV_AS_LAYOUT(offsetof(ASOrchChanPara, word96) == 96);
-QOV_AS_LAYOUT(offsetof(ASOrchChanPara, serverPort) == 108);
-QOV_AS_LAYOUT(offsetof(ASOrchChanPara, word120) == 120);
-QOV_AS_LAYOUT(offsetof(ASOrchChanPara, chanUsrData) == 128);
+QOV_AS_STATIC_ASSERT(sizeof(ASOrchChanPara) == 192, "ASOrchChanPara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchChanPara, word4) == 4, "ASOrchChanPara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchChanPara, chanName) == 8, "ASOrchChanPara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchChanPara, word72) == 72, "ASOrchChanPara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchChanPara, chanThreadId) == 76, "ASOrchChanPara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchChanPara, word80) == 80, "ASOrchChanPara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchChanPara, serverAddrFunc) == 88, "ASOrchChanPara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchChanPara, word96) == 96, "ASOrchChanPara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchChanPara, serverPort) == 108, "ASOrchChanPara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchChanPara, word120) == 120, "ASOrchChanPara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchChanPara, chanUsrData) == 128, "ASOrchChanPara layout");
 
 /* Short names of the channel kinds; entries 4 to 7 are null. */
 QOV_AS_API extern const char *const g_ASChannelName[AS_ORCH_CHAN_SLOT_NUM];
@@ -233,8 +233,8 @@ typedef struct ASOrchPatchInfo {
     char reserved[397];
     char libName[128]; /* target library, NUL-terminated */
 } ASOrchPatchInfo;
-QOV_AS_LAYOUT(sizeof(ASOrchPatchInfo) == 525);
-QOV_AS_LAYOUT(offsetof(ASOrchPatchInfo, libName) == 397);
+QOV_AS_STATIC_ASSERT(sizeof(ASOrchPatchInfo) == 525, "ASOrchPatchInfo layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchPatchInfo, libName) == 397, "ASOrchPatchInfo layout");
 
 /* Activates (0) or deactivates (1) a patch addressed to this library. */
 QOV_AS_API uint32_t libqov_autosync_orch_PAT_C2HSyncHookFunc(uint32_t operCode, uint64_t value,

@@ -23,7 +23,7 @@ QOV_AS_EXTERN_C_BEGIN
 typedef struct ASOrchSyncGrpFlowCtl {
     uint32_t word[12];
 } ASOrchSyncGrpFlowCtl;
-QOV_AS_LAYOUT(sizeof(ASOrchSyncGrpFlowCtl) == 48);
+QOV_AS_STATIC_ASSERT(sizeof(ASOrchSyncGrpFlowCtl) == 48, "ASOrchSyncGrpFlowCtl layout");
 
 /* Notification function of a sync group, handed to the EAL unchanged. */
 typedef void (*ASOrchSyncGrpNotifyFunc)(void);
@@ -47,13 +47,13 @@ typedef struct ASOrchSyncGrpItem {
     uint32_t word13;
     ASOrchSyncGrpNotifyFunc notifyFunc;
 } ASOrchSyncGrpItem;
-QOV_AS_LAYOUT(sizeof(ASOrchSyncGrpItem) == 64);
-QOV_AS_LAYOUT(offsetof(ASOrchSyncGrpItem, logicThreadId) == 12);
-QOV_AS_LAYOUT(offsetof(ASOrchSyncGrpItem, commThreadId) == 16);
-QOV_AS_LAYOUT(offsetof(ASOrchSyncGrpItem, word6) == 24);
-QOV_AS_LAYOUT(offsetof(ASOrchSyncGrpItem, verifyInterval) == 40);
-QOV_AS_LAYOUT(offsetof(ASOrchSyncGrpItem, word13) == 52);
-QOV_AS_LAYOUT(offsetof(ASOrchSyncGrpItem, notifyFunc) == 56);
+QOV_AS_STATIC_ASSERT(sizeof(ASOrchSyncGrpItem) == 64, "ASOrchSyncGrpItem layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchSyncGrpItem, logicThreadId) == 12, "ASOrchSyncGrpItem layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchSyncGrpItem, commThreadId) == 16, "ASOrchSyncGrpItem layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchSyncGrpItem, word6) == 24, "ASOrchSyncGrpItem layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchSyncGrpItem, verifyInterval) == 40, "ASOrchSyncGrpItem layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchSyncGrpItem, word13) == 52, "ASOrchSyncGrpItem layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchSyncGrpItem, notifyFunc) == 56, "ASOrchSyncGrpItem layout");
 
 /* The default items of kinds 0 to 3, in kind order. */
 QOV_AS_API extern const ASOrchSyncGrpItem g_qovOrchAutoSyncGrpParam[AS_ORCH_SYNC_GRP_KIND_NUM];
@@ -64,9 +64,9 @@ typedef struct ASOrchSyncGrpData {
     uint32_t rsv;    /* not read */
     uint32_t result; /* AS_ORCH_SYNC_DATA_REFUSED until accepted, then 0 */
 } ASOrchSyncGrpData;
-QOV_AS_LAYOUT(sizeof(ASOrchSyncGrpData) == 16);
-QOV_AS_LAYOUT(offsetof(ASOrchSyncGrpData, rsv) == 8);
-QOV_AS_LAYOUT(offsetof(ASOrchSyncGrpData, result) == 12);
+QOV_AS_STATIC_ASSERT(sizeof(ASOrchSyncGrpData) == 16, "ASOrchSyncGrpData layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchSyncGrpData, rsv) == 8, "ASOrchSyncGrpData layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchSyncGrpData, result) == 12, "ASOrchSyncGrpData layout");
 
 #define AS_ORCH_SYNC_DATA_REFUSED 0x00010004u
 

@@ -339,13 +339,4 @@ TEST_F(Live, StartedInstanceRunsTheDataLoopUntilDestroyed) {
     EXPECT_GE(g_ticks.load(), 3);
 }
 
-TEST_F(Live, DestroyReleasesTheSyncGroupResource) {
-    hdl_->syncGrpRes = static_cast<ASOrchSyncGrpRes *>(hdl_->memAlloc(24));
-    ASSERT_NE(hdl_->syncGrpRes, nullptr);
-    ASOrchDestroy(hdl_);
-    hdl_ = nullptr;
-    EXPECT_TRUE(HasLine("live, Sync group free res ok."));
-    EXPECT_EQ(AllocOutstanding(), 0);
-}
-
 }  // namespace

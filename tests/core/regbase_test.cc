@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 
 #include <cstring>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,46 @@ uint32_t Hash(const void *key) {
     return ASOrchMergeHashFunc(v->usrData, 0, v);
 }
 ASOrchMergeMsgDispatch g_tbl[] = {{100, {Handler, Handler, Handler, Handler}}};
+constexpr uint32_t kRecvMsgId = 0x500, kTableId = 7;
+ASOrchRecvTblMsg g_recv[] = {{100, kRecvMsgId, 0, nullptr, nullptr, 8, 0, nullptr, 0, 4}};
+ASOrchTransTblMsg g_trans[] = {{kTableId, 8, {}, {}, 0, nullptr}};
+
+// The handle's allocator, noting for each block how many log lines were
+// written before it was taken, so that a block can be told to be the
+// table-message registry's (which keeps its blocks by design).
+std::map<void *, size_t> g_live;
+void *TrackAlloc(uint32_t size) {
+    void *p = qovtest::TestAlloc(size);
+    if (p != nullptr) g_live[p] = QovHostLogCount();
+    return p;
+}
+void TrackFree(void *p) {
+    g_live.erase(p);
+    qovtest::TestFree(p);
+}
+
+ASOrchHandle *Create(const char *name) {
+    ASOrchCreatePara p{0, 0, TrackAlloc, TrackFree, 0};
+    return ASOrchCreate(name, &p);
+}
+
+// Destroys h. Every block taken since `before` that is still taken afterwards
+// must come from the "TblMsg" step; those are given back here.
+void Destroy(ASOrchHandle *h, const std::map<void *, size_t> &before = {}) {
+    if (h == nullptr) return;
+    const std::string name = h->name;
+    size_t from = qovtest::FindLine(name + ", Register Orch autosync base, channel ok");
+    size_t to = std::string::npos;
+    auto logs = Logs();
+    for (size_t i = from == std::string::npos ? logs.size() : from + 1; i < logs.size() && to == std::string::npos; ++i)
+        if (logs[i].find("autosync base") != std::string::npos) to = i;
+    ASOrchDestroy(h);
+    for (auto [p, stamp] : std::map<void *, size_t>(g_live)) {
+        if (before.count(p) != 0) continue;
+        EXPECT_TRUE(to != std::string::npos && stamp > from && stamp <= to) << "a block outside the registry's left";
+        TrackFree(p);
+    }
+}
 
 // A record that every step accepts: Data thread, sync kind 0, the DAM channel
 // and both merge paths.
@@ -34,6 +75,8 @@ ASOrchBasePara ValidBase() {
     b.rsvPortPara0 = 5;
     b.rsvPortPara1 = 6;
     b.chan[0] = {0x1234, 0xAB};
+    b.recvTblMsgList[1] = {g_recv, 1};
+    b.transTblMsgList[1] = {g_trans, 1};
     b.damMerge = {g_tbl, 1, 64, Hash, 0, 0};
     b.fesMerge = {g_tbl, 1, 0, Hash, 0, 0};
     return b;
@@ -43,14 +86,13 @@ class RegBase : public qovtest::HostTest {
 protected:
     void SetUp() override {
         HostTest::SetUp();
-        ASOrchCreatePara p{0, 0, qovtest::TestAlloc, qovtest::TestFree, 0};
-        hdl_ = ASOrchCreate("orch", &p);
+        g_live.clear();
+        hdl_ = Create("orch");
         ASSERT_NE(hdl_, nullptr);
         QovHostJournalClear();
-        QovHostLogClear();
     }
     void TearDown() override {
-        ASOrchDestroy(hdl_);
+        Destroy(hdl_);
         EXPECT_EQ(qovtest::AllocOutstanding(), 0) << "memory of the handle left after destroy";
         HostTest::TearDown();
     }
@@ -65,7 +107,7 @@ protected:
     ASOrchHandle *hdl_ = nullptr;
 };
 
-const char *const kSteps[] = {"RegThread", "ModStateRsp", "SyncGroup", "ReservePort", "channel", "MergeMQue"};
+const char *const kSteps[] = {"RegThread", "ModStateRsp", "SyncGroup", "ReservePort", "channel", "TblMsg", "MergeMQue"};
 
 TEST_F(RegBase, RunsEveryStepInTableOrderAndForwardsTheRecordWords) {
     ASOrchBasePara b = ValidBase();
@@ -91,19 +133,21 @@ TEST_F(RegBase, RunsEveryStepInTableOrderAndForwardsTheRecordWords) {
 // failure line and no later step reaches the platform.
 struct StepFail {
     uint32_t step;
-    const char *failOp;  // the platform operation made to fail
+    const char *failOp;  // the platform operation made to fail; null: a receive id registered twice
     const char *reason;  // the step's own line, when it writes one
 };
 // The first platform operation each step calls.
-const char *const kStepOps[] = {"QOV_EAL_RegThread", "QOV_EAL_RegModStateRsp", "QOV_EAL_RegSyncGroup",
-                                "QOV_EAL_ReservePort", "QOV_EAL_RegUcChannel", "eventfd_s"};
+const char *const kStepOps[] = {"QOV_EAL_RegThread",   "QOV_EAL_RegModStateRsp", "QOV_EAL_RegSyncGroup",
+                                "QOV_EAL_ReservePort", "QOV_EAL_RegUcChannel",   "QOV_EAL_SelfRoleIsMb",
+                                "eventfd_s"};
 
 class StepFailure : public RegBase, public ::testing::WithParamInterface<StepFail> {};
 
 TEST_P(StepFailure, StopsAtThatStep) {
     const StepFail &c = GetParam();
-    QovHostFailNext(c.failOp, 1, 3);
     ASOrchBasePara b = ValidBase();
+    if (c.failOp != nullptr) QovHostFailNext(c.failOp, 1, 3);
+    else b.recvTblMsgList[0] = b.recvTblMsgList[1];
     EXPECT_EQ(ASOrchRegBase(hdl_, &b), 1u);
     std::vector<std::string> expected;
     for (uint32_t i = 0; i < c.step; ++i)
@@ -125,23 +169,26 @@ INSTANTIATE_TEST_SUITE_P(Steps, StepFailure,
                                                     "orch, syncGrpId = 0, auto sync reg SyncGroupMsgSet Fail."},
                                            StepFail{3, "QOV_EAL_ReservePort", nullptr},
                                            StepFail{4, "QOV_EAL_RegUcChannel", "orch, RegUcChannel orch_DATA_DAM fail."},
-                                           StepFail{5, "eventfd_s", nullptr}),
+                                           StepFail{5, nullptr, "Orch autosync recv add HashNode(1280) fail"},
+                                           StepFail{6, "eventfd_s", nullptr}),
                          [](const auto &p) { return std::string(kSteps[p.param.step]); });
 
 // Allocation number k of the registration fails, for every k until none is
-// left: a failure result each time, and destroy gives everything back.
+// left: a failure result each time, and destroy gives back everything but the
+// registry's blocks.
 TEST_F(RegBase, EveryFailingAllocationIsClean) {
     ASOrchBasePara b = ValidBase();
     const int64_t base = qovtest::AllocOutstanding();  // the fixture's handle
+    const std::map<void *, size_t> before = g_live;
     uint32_t k = 1;
     for (; k < 100; ++k) {
-        ASOrchCreatePara p{0, 0, qovtest::TestAlloc, qovtest::TestFree, 0};
-        ASOrchHandle *h = ASOrchCreate("orchK", &p);
+        QovHostLogClear();
+        ASOrchHandle *h = Create("orchK");
         ASSERT_NE(h, nullptr);
         qovtest::AllocFailAt(qovtest::AllocCount() + k);
         uint32_t r = ASOrchRegBase(h, &b);
         qovtest::AllocFailAt(0);
-        ASOrchDestroy(h);
+        Destroy(h, before);
         ASSERT_EQ(qovtest::AllocOutstanding(), base) << "allocation " << k;
         if (r == 0) break;
     }
@@ -197,7 +244,7 @@ TEST_F(RegBase, MaskWithoutDataThreadBuildsNoName) {
     ASOrchBasePara b = ValidBase();
     b.threadMask = 6;
     EXPECT_EQ(ASOrchRegBase(hdl_, &b), 1u);
-    EXPECT_EQ(Logs().front(), "orch, set threads fail, has not Data thread");
+    EXPECT_TRUE(qovtest::HasLine("orch, set threads fail, has not Data thread"));
     EXPECT_EQ(QovHostJournalCountOf("QOV_EAL_RegThread"), 0u);
 }
 
