@@ -35,6 +35,7 @@ set grid
 set multiplot layout 2,1 title "orch\\\\_demo: merge queues under the broker's load"
 set ylabel "entries queued"
 set yrange [0:*]
+set offsets 0, 0, graph 0.12, 0
 set y2label "back-pressure"
 set y2range [0:1.05]
 set y2tics (0, 1)
@@ -50,7 +51,8 @@ set y2tics
 set xlabel "seconds"
 set ylabel "entries per second"
 set yrange [0:*]
-set y2label "broker blocked, ms per second"
+set offsets 0, 0, graph 0.12, 0
+set y2label "broker blocked, ms per second (both paths)"
 set y2range [0:*]
 plot "$csv" using 1:8 with lines lw 2 lc rgb "#1f77b4" title "received", \
      "" using 1:9 with lines lw 2 lc rgb "#ff7f0e" title "delivered to handlers", \
