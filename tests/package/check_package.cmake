@@ -1,6 +1,6 @@
 # Installs the built tree into a scratch prefix, then builds and runs the C
 # orchestrator of this folder against it, once through find_package and once
-# through pkg-config. Run by ctest with -D BUILD_DIR, SRC_DIR, WORK_DIR, CC,
+# through pkg-config, and the README's orchestrator through pkg-config. Run by ctest with -D BUILD_DIR, SRC_DIR, WORK_DIR, CC,
 # C_FLAGS (the sanitizer flags of the tree), LIBDIR, SOVERSION, OBJDUMP.
 function(run what)
   execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE out)
@@ -33,6 +33,16 @@ run("build with pkg-config" ${CC} -std=c11 -pedantic -Wall -Wextra -Werror ${san
     ${SRC_DIR}/orch_min.c -o ${WORK_DIR}/orch_min_pc ${pc_flags})
 set(ENV{LD_LIBRARY_PATH} ${prefix}/${LIBDIR})
 run("orchestrator built with pkg-config" ${WORK_DIR}/orch_min_pc)
+
+# The orchestrator the README shows must build and run against the package too.
+file(READ ${SRC_DIR}/../../README.md readme)
+if(NOT readme MATCHES "```c\n(.*)```\n")
+  message(FATAL_ERROR "README.md holds no C example")
+endif()
+file(WRITE ${WORK_DIR}/readme_orch.c "${CMAKE_MATCH_1}")
+run("build the README's orchestrator" ${CC} -std=c11 -pedantic -Wall -Wextra -Werror ${san_flags}
+    ${WORK_DIR}/readme_orch.c -o ${WORK_DIR}/readme_orch ${pc_flags})
+run("the README's orchestrator" ${WORK_DIR}/readme_orch)
 
 # Both programs must load the library by its versioned name.
 foreach(exe ${WORK_DIR}/cmake-build/orch_min ${WORK_DIR}/orch_min_pc)
