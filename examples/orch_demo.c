@@ -31,6 +31,8 @@ static const char g_usage[] =
     "  --high N        merge queue high water (default 20000)\n"
     "  --low N         merge queue low water (default 5000)\n"
     "  --threads MASK  worker threads: bit 0 Data (required), 1 Sync, 2 Event (default 3)\n"
+    "  --entries N     end the broker's streams after about N entries (default 0: the\n"
+    "                  duration ends them)\n"
     "  --seed N        workload seed (default 1)\n"
     "  --csv FILE      time series every 100 ms (tools/plot_csv.sh makes a PNG of it)\n"
     "  --log FILE      where the library's and the platform's log lines go (default\n"
@@ -214,12 +216,12 @@ static void OnSample(uint64_t usrData) {
 /* ---- Set-up ---- */
 
 typedef struct Options {
-    uint64_t keys, rate, duration, flood, handlerNs, high, low, threads, seed, connect;
+    uint64_t keys, rate, duration, flood, handlerNs, high, low, threads, seed, connect, entries;
     const char *csv, *log;
 } Options;
 
 static int ParseOptions(int argc, char **argv, Options *o) {
-    *o = (Options){100000, 4000, 6000, 2500, 1500, 20000, 5000, 3, 1, 0, NULL, "orch_demo.log"};
+    *o = (Options){100000, 4000, 6000, 2500, 1500, 20000, 5000, 3, 1, 0, 0, NULL, "orch_demo.log"};
     const struct {
         const char *name;
         uint64_t *value, lo, hi;
@@ -229,6 +231,7 @@ static int ParseOptions(int argc, char **argv, Options *o) {
         {"--handler-ns", &o->handlerNs, 0, 100000000}, {"--high", &o->high, 2, 1u << 26},
         {"--low", &o->low, 1, 1u << 26},            {"--threads", &o->threads, 1, 7},
         {"--seed", &o->seed, 0, UINT64_MAX},        {"--connect", &o->connect, 1, 65534},
+        {"--entries", &o->entries, 0, UINT64_MAX},
     };
     for (int i = 1; i < argc; ++i) {
         const char *arg = argv[i];
@@ -408,7 +411,7 @@ int main(int argc, char **argv) {
         br[p].fd = external ? -1 : QovBrokerListen(&br[p].port);
         if (!external && br[p].fd < 0) return 1;
         br[p].para = (QovBrokerPara){(uint32_t)(p ? o.rate / 4 : o.rate - o.rate / 4), (uint32_t)o.duration,
-                                     (uint32_t)o.flood, 64, 10000};
+                                     (uint32_t)o.flood, 64, 10000, p ? o.entries / 4 : o.entries - o.entries / 4};
         QovWlInit(&br[p].wl, g_demo.keys, o.seed, p, sentSeq, sentOp);
     }
 

@@ -38,6 +38,7 @@ static const char g_usage[] =
     "  --duration MS   steady plus flood phase after the initial fill (default 5000)\n"
     "  --flood MS      last part of the duration sent as fast as possible (default 1500)\n"
     "  --transfer N    route rows of the transfer message at the end (default 64, 0: none)\n"
+    "  --entries N     end the stream after about N entries (default 0: the duration ends it)\n"
     "  --seed N        workload seed (default 1)\n"
     "  --accept MS     how long to wait for the orchestrator (default 30000)\n"
     "  --help          this text\n"
@@ -57,7 +58,7 @@ static int Number(int argc, char **argv, int *i, uint64_t lo, uint64_t hi, uint6
 
 int main(int argc, char **argv) {
     uint64_t port = 47470, keys = 100000, seed = 1, rate = 20000, duration = 5000, flood = 1500, rows = 64,
-             accept = 30000;
+             accept = 30000, entries = 0;
     const struct {
         const char *name;
         uint64_t *value;
@@ -67,6 +68,7 @@ int main(int argc, char **argv) {
         {"--rate", &rate, 0, 100000000},       {"--duration", &duration, 0, 86400000},
         {"--flood", &flood, 0, 86400000},      {"--transfer", &rows, 0, 1024},
         {"--seed", &seed, 0, UINT64_MAX},      {"--accept", &accept, 0, 86400000},
+        {"--entries", &entries, 0, UINT64_MAX},
     };
     for (int i = 1; i < argc; ++i) {
         const char *arg = argv[i];
@@ -93,7 +95,7 @@ int main(int argc, char **argv) {
         p->fd = ok ? QovBrokerListen(&p->port) : -1;
         ok = ok && p->fd >= 0;
         p->para = (QovBrokerPara){(uint32_t)(fes ? rate / 4 : rate - rate / 4), (uint32_t)duration, (uint32_t)flood,
-                                  (uint32_t)rows, (uint32_t)accept};
+                                  (uint32_t)rows, (uint32_t)accept, fes ? entries / 4 : entries - entries / 4};
         if (ok) QovWlInit(&p->wl, (uint32_t)keys, seed, fes, seq, lastOp);
     }
     if (ok) {

@@ -16,6 +16,7 @@ typedef struct QovBrokerPara {
     uint32_t floodMs;      /* last part of the duration, sent as fast as it goes */
     uint32_t transferRows; /* route rows of the transfer message sent at the end, 0: none */
     uint32_t acceptMs;     /* how long to wait for the orchestrator to connect */
+    uint64_t maxEntries;   /* the stream ends once this many entries went out, 0: no bound */
 } QovBrokerPara;
 
 /* Counters the broker updates as it goes, readable from another thread. */

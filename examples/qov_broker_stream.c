@@ -97,9 +97,9 @@ static int PutNext(Stream *s, QovRouteWorkload *wl) {
 }
 
 /* Steady phase: bursts every 10 ms at the given rate; flood phase: no pause. */
-static int StreamTimed(Stream *s, QovRouteWorkload *wl, uint32_t rate, uint64_t untilUs) {
+static int StreamTimed(Stream *s, QovRouteWorkload *wl, uint32_t rate, uint64_t untilUs, uint64_t maxEntries) {
     uint64_t start = QovBrokerNowUs(), sent = 0;
-    while (QovBrokerNowUs() < untilUs) {
+    while (QovBrokerNowUs() < untilUs && (maxEntries == 0 || wl->entries < maxEntries)) {
         if (rate != 0) {
             uint64_t due = (QovBrokerNowUs() - start) * rate / 1000000u + rate / 100u + 1u;
             if (sent >= due) {
@@ -123,9 +123,9 @@ static int StreamAll(Stream *s, const QovBrokerPara *para, QovRouteWorkload *wl)
     uint64_t start = QovBrokerNowUs();
     uint32_t steadyMs = para->durationMs > para->floodMs ? para->durationMs - para->floodMs : 0;
     atomic_store(&s->stats->phase, QOV_BROKER_STEADY);
-    if (StreamTimed(s, wl, para->rate, start + steadyMs * 1000ull) != 0) return 1;
+    if (StreamTimed(s, wl, para->rate, start + steadyMs * 1000ull, para->maxEntries) != 0) return 1;
     atomic_store(&s->stats->phase, QOV_BROKER_FLOOD);
-    if (StreamTimed(s, wl, 0, start + para->durationMs * 1000ull) != 0) return 1;
+    if (StreamTimed(s, wl, 0, start + para->durationMs * 1000ull, para->maxEntries) != 0) return 1;
 
     if (para->transferRows != 0 && !wl->fes) { /* the transfer table is the DAM path's */
         uint8_t body[24 + TRANSFER_ROWS_MAX * sizeof(QovRouteEntry) + 12 + 52];
