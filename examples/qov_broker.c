@@ -1,0 +1,126 @@
+/* qov_broker: the example broker as a program of its own. It listens on two
+ * loopback ports (DAM and FES path), waits for the orchestrator's channel on
+ * each, streams the route-table workload of each path on its own thread, and
+ * reports what it sent and how long the orchestrator held it back. */
+#include <errno.h>
+#include <inttypes.h>
+#include <pthread.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "qov_broker.h"
+
+typedef struct Path {
+    uint16_t port;
+    int fd;
+    QovBrokerPara para;
+    QovRouteWorkload wl;
+    QovBrokerStats stats;
+    pthread_t thread;
+    int rc;
+} Path;
+
+static void *Serve(void *arg) {
+    Path *p = arg;
+    p->rc = QovBrokerServe(p->fd, &p->para, &p->wl, &p->stats, NULL);
+    return NULL;
+}
+
+static const char g_usage[] =
+    "usage: qov_broker [options]\n"
+    "  --port N        loopback TCP port of the DAM path, N+1 is the FES path's\n"
+    "                  (default 47470; 0: any free ports)\n"
+    "  --keys N        route keys in the table (default 100000, at least 4)\n"
+    "  --rate N        messages per second in the steady phase, three quarters DAM, one\n"
+    "                  quarter FES (default 20000, 0: unlimited)\n"
+    "  --duration MS   steady plus flood phase after the initial fill (default 5000)\n"
+    "  --flood MS      last part of the duration sent as fast as possible (default 1500)\n"
+    "  --transfer N    route rows of the transfer message at the end (default 64, 0: none)\n"
+    "  --entries N     end the stream after about N entries (default 0: the duration ends it)\n"
+    "  --seed N        workload seed (default 1)\n"
+    "  --accept MS     how long to wait for the orchestrator (default 30000)\n"
+    "  --help          this text\n"
+    "Receive messages carry up to 32 entries of 32 bytes (16-byte prefix key); a quarter\n"
+    "of the keys go the FES way, the rest the DAM way; one message in five deletes.\n";
+
+/* Parses the value of argv[*i] into *out within [lo, hi]; 1 on a bad value. */
+static int Number(int argc, char **argv, int *i, uint64_t lo, uint64_t hi, uint64_t *out) {
+    if (*i + 1 >= argc) return 1;
+    char *end = NULL;
+    errno = 0;
+    unsigned long long v = strtoull(argv[++*i], &end, 10);
+    if (errno != 0 || end == argv[*i] || *end != '\0' || v < lo || v > hi) return 1;
+    *out = v;
+    return 0;
+}
+
+int main(int argc, char **argv) {
+    uint64_t port = 47470, keys = 100000, seed = 1, rate = 20000, duration = 5000, flood = 1500, rows = 64,
+             accept = 30000, entries = 0;
+    const struct {
+        const char *name;
+        uint64_t *value;
+        uint64_t lo, hi;
+    } opts[] = {
+        {"--port", &port, 0, 65534},           {"--keys", &keys, 4, 1u << 26},
+        {"--rate", &rate, 0, 100000000},       {"--duration", &duration, 0, 86400000},
+        {"--flood", &flood, 0, 86400000},      {"--transfer", &rows, 0, 1024},
+        {"--seed", &seed, 0, UINT64_MAX},      {"--accept", &accept, 0, 86400000},
+        {"--entries", &entries, 0, UINT64_MAX},
+    };
+    for (int i = 1; i < argc; ++i) {
+        const char *arg = argv[i];
+        if (strcmp(argv[i], "--help") == 0) {
+            fputs(g_usage, stdout);
+            return 0;
+        }
+        size_t k = 0;
+        while (k < sizeof(opts) / sizeof(opts[0]) && strcmp(argv[i], opts[k].name) != 0) ++k;
+        if (k == sizeof(opts) / sizeof(opts[0]) || Number(argc, argv, &i, opts[k].lo, opts[k].hi, opts[k].value)) {
+            fprintf(stderr, "qov_broker: bad option or value at '%s'\n%s", arg, g_usage);
+            return 2;
+        }
+    }
+
+    uint32_t *seq = calloc(keys, sizeof(*seq));
+    uint8_t *lastOp = calloc(keys, 1);
+    Path paths[2];
+    int ok = seq != NULL && lastOp != NULL;
+    for (uint32_t fes = 0; fes < 2; ++fes) {
+        Path *p = &paths[fes];
+        memset(p, 0, sizeof(*p));
+        p->port = port == 0 ? 0 : (uint16_t)(port + fes);
+        p->fd = ok ? QovBrokerListen(&p->port) : -1;
+        ok = ok && p->fd >= 0;
+        p->para = (QovBrokerPara){(uint32_t)(fes ? rate / 4 : rate - rate / 4), (uint32_t)duration, (uint32_t)flood,
+                                  (uint32_t)rows, (uint32_t)accept, fes ? entries / 4 : entries - entries / 4};
+        if (ok) QovWlInit(&p->wl, (uint32_t)keys, seed, fes, seq, lastOp);
+    }
+    if (ok) {
+        printf("qov_broker: listening on 127.0.0.1:%u (DAM) and 127.0.0.1:%u (FES), %" PRIu64 " keys, seed %" PRIu64 "\n",
+               paths[0].port, paths[1].port, keys, seed);
+        fflush(stdout);
+    }
+    int started = 0;
+    for (; ok && started < 2; ++started) ok = pthread_create(&paths[started].thread, NULL, Serve, &paths[started]) == 0;
+    int rc = ok ? 0 : 1;
+    for (int i = 0; i < started; ++i) {
+        pthread_join(paths[i].thread, NULL);
+        Path *p = &paths[i];
+        double secs = (double)atomic_load(&p->stats.streamUs) / 1e6 + 1e-9;
+        printf("qov_broker: %s %s; %" PRIu64 " messages, %" PRIu64 " entries, %.1f MB in %.2f s (%.0f msg/s, "
+               "%.0f entries/s), held back by the orchestrator %.2f s; final table digest %016" PRIx64 "\n",
+               i ? "FES" : "DAM", p->rc == 0 ? "stream complete" : "stream cut short", p->wl.msgs, p->wl.entries,
+               (double)atomic_load(&p->stats.bytes) / 1e6, secs, (double)p->wl.msgs / secs,
+               (double)p->wl.entries / secs, (double)atomic_load(&p->stats.blockedUs) / 1e6,
+               QovWlDigest(p->wl.keys, (uint32_t)i, seq, lastOp));
+        rc |= p->rc;
+    }
+    for (int i = 0; i < 2; ++i)
+        if (paths[i].fd >= 0) close(paths[i].fd);
+    free(seq);
+    free(lastOp);
+    return rc;
+}
