@@ -17,6 +17,8 @@ struct RaceCase {
     void (*theirs)(MqTest &);
 };
 
+void PrintTo(const RaceCase &c, std::ostream *os) { *os << c.name; }
+
 uint32_t ReadAll(MergeQueCtrlBlk *q) {
     Rec buf[32];
     return QOV_MergeQueRead(q, buf, 32);
