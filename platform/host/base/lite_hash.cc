@@ -134,15 +134,15 @@ class TableLock {
 public:
     // claim: the caller changes the table and may become its owner.
     void Lock(bool claim) {
-        if (owner_.load(std::memory_order_relaxed) == &t_self) {
+        if (__builtin_expect(owner_.load(std::memory_order_relaxed) == &t_self, 1)) {
             ownerBusy_.store(1, std::memory_order_relaxed);
             std::atomic_signal_fence(std::memory_order_seq_cst);  // the other side's HeavyFence orders this
-            if (otherWant_.load(std::memory_order_acquire) == 0) return;
+            if (__builtin_expect(otherWant_.load(std::memory_order_acquire) == 0, 1)) return;
         }
         LockSlow(claim);
     }
     void Unlock() {
-        if (owner_.load(std::memory_order_relaxed) == &t_self) {
+        if (__builtin_expect(owner_.load(std::memory_order_relaxed) == &t_self, 1)) {
             ownerBusy_.store(0, std::memory_order_release);
             return;
         }
@@ -254,7 +254,7 @@ inline Slot *FindSlot(LITE_HASH_S *h, uint32_t hash, const void *key) {
     for (uint32_t i = HomeOf(h, hash);; i = (i + 1) & h->mask) {
         Slot *s = &h->slots[i];
         if (s->node.data == nullptr) return nullptr;
-        if (s->hash == hash && h->cmpFunc(s->node.data, key) != 0) return s;
+        if (__builtin_expect(s->hash == hash, 1) && h->cmpFunc(s->node.data, key) != 0) return s;
     }
 }
 
@@ -453,7 +453,7 @@ QOV_PLAT_API uint32_t LITE_HASH_AddNode(LITE_HASH_S *hash, const void *key, void
 }
 
 QOV_PLAT_API LITE_HASH_NODE_S *LITE_HASH_FindNodeFromFirst(LITE_HASH_S *hash, const void *key) {
-    if (hash == nullptr || key == nullptr) return nullptr;
+    if (__builtin_expect(hash == nullptr || key == nullptr, 0)) return nullptr;
     uint32_t hv = hash->hashFunc(key);
     Guard g(hash->lock, true);
     Slot *s = FindSlot(hash, hv, key);
