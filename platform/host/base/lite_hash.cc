@@ -133,16 +133,17 @@ thread_local uint8_t t_self __attribute__((tls_model("initial-exec")));
 class TableLock {
 public:
     // claim: the caller changes the table and may become its owner.
-    void Lock(bool claim) {
+    // Answers whether the caller holds the lock as the owner (for Unlock).
+    bool Lock(bool claim) {
         if (__builtin_expect(owner_.load(std::memory_order_relaxed) == &t_self, 1)) {
             ownerBusy_.store(1, std::memory_order_relaxed);
             std::atomic_signal_fence(std::memory_order_seq_cst);  // the other side's HeavyFence orders this
-            if (__builtin_expect(otherWant_.load(std::memory_order_acquire) == 0, 1)) return;
+            if (__builtin_expect(otherWant_.load(std::memory_order_acquire) == 0, 1)) return true;
         }
-        LockSlow(claim);
+        return LockSlow(claim);
     }
-    void Unlock() {
-        if (__builtin_expect(owner_.load(std::memory_order_relaxed) == &t_self, 1)) {
+    void Unlock(bool asOwner) {
+        if (__builtin_expect(asOwner, 1)) {
             ownerBusy_.store(0, std::memory_order_release);
             return;
         }
@@ -150,21 +151,22 @@ public:
     }
 
 private:
-    __attribute__((noinline)) void LockSlow(bool claim) {
+    __attribute__((noinline)) bool LockSlow(bool claim) {
         const void *self = &t_self;
         const void *owner = owner_.load(std::memory_order_seq_cst);
         if (owner == self) {
             OwnerWait(false);
-            return;
+            return true;
         }
         if (owner == nullptr && claim && AsymmetricFenceReady() &&
             owner_.compare_exchange_strong(owner, self, std::memory_order_seq_cst)) {
             // A thread that saw no owner yet did not fence us: the first
             // entry orders itself with a sequentially consistent exchange.
             OwnerWait(true);
-            return;
+            return true;
         }
         OtherLock();
+        return false;
     }
     // The owner backs off while another thread is inside or waiting.
     void OwnerWait(bool selfFenced) {
@@ -202,13 +204,14 @@ private:
 
 class Guard {
 public:
-    Guard(TableLock &l, bool claim) : l_(l) { l_.Lock(claim); }
-    ~Guard() { l_.Unlock(); }
+    Guard(TableLock &l, bool claim) : l_(l), asOwner_(l.Lock(claim)) {}
+    ~Guard() { l_.Unlock(asOwner_); }
     Guard(const Guard &) = delete;
     Guard &operator=(const Guard &) = delete;
 
 private:
     TableLock &l_;
+    bool asOwner_;
 };
 
 }  // namespace
