@@ -69,9 +69,7 @@ QOV_PLAT_API int eventfd_s(unsigned int initval, int flags);
  * the key's bucket for which it answers non-zero.
  *
  * A table made with a lock guards its own structure with an internal lock;
- * deleting a table releases the elements still in it. The index node that a
- * find returns may be the table's own storage: read its element at once, it
- * is not valid after the table next changes. A per-bucket count is the
+ * deleting a table releases the elements still in it. A per-bucket count is the
  * number of elements whose hash value falls in the key's bucket. */
 typedef struct LITE_HASH LITE_HASH_S;
 typedef uint32_t (*LITE_HASH_KEY_FUNC)(const void *key);

@@ -3,9 +3,9 @@
 // Index: open addressing with linear probing over a power-of-two array of
 // slots. A slot holds the element pointer beside the element's full hash
 // value, so a probe rejects a non-matching slot without touching its element
-// and a match costs one memory access for the element itself. The slot is the
-// index node handed to callers (its first word is the element); it stays
-// valid until the table next changes. The home slot comes from a remix of the
+// and a match costs one memory access for the element itself. The index node
+// handed to callers sits in the element's header, beside the element, so it
+// stays valid while the element is linked whatever else changes. The home slot comes from a remix of the
 // caller's hash, since a caller's hash may vary only in a few bits. Removal
 // shifts the rest of the probe run back (no tombstones), and the slot array
 // doubles before it is 5/8 full, so probe runs stay short.
@@ -14,7 +14,7 @@
 // bucket (hash modulo bucket count); a count per bucket is kept up to date so
 // the per-bucket count query costs one look-up.
 //
-// Elements sit behind an 8-byte header (hash value, linked flag) and are
+// Elements sit behind a 16-byte header (index node, hash value, linked flag) and are
 // carved from slabs at a stride chosen so that an element touches no more
 // cache lines than its size requires; released elements are recycled through
 // a free list, so a new element costs at most one allocation and usually
@@ -39,10 +39,11 @@
 namespace {
 
 struct ElemHdr {
+    LITE_HASH_NODE_S node;  // node.data is the element, just behind this header
     uint32_t hash;
     uint32_t linked;
 };
-static_assert(sizeof(ElemHdr) == 8, "elements behind the header stay 8-aligned");
+static_assert(sizeof(ElemHdr) == 16, "elements behind the header stay 16-aligned");
 
 struct Slot {
     LITE_HASH_NODE_S node;  // node.data is the element, null for a free slot
@@ -419,7 +420,10 @@ QOV_PLAT_API void *LITE_HASH_NewData(LITE_HASH_S *hash, uint32_t flags) {
         Guard g(hash->lock, true);
         e = TakeElem(hash);
     }
-    if (e != nullptr) HdrOf(e)->linked = 0;
+    if (e != nullptr) {
+        HdrOf(e)->node.data = e;
+        HdrOf(e)->linked = 0;
+    }
     return e;
 }
 
@@ -460,7 +464,7 @@ QOV_PLAT_API LITE_HASH_NODE_S *LITE_HASH_FindNodeFromFirst(LITE_HASH_S *hash, co
     uint32_t hv = hash->hashFunc(key);
     Guard g(hash->lock, true);
     Slot *s = FindSlot(hash, hv, key);
-    return s == nullptr ? nullptr : &s->node;
+    return s == nullptr ? nullptr : &HdrOf(s->node.data)->node;
 }
 
 QOV_PLAT_API void *LITE_HASH_RemoveNodeByKey(LITE_HASH_S *hash, const void *key) {
