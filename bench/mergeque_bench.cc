@@ -3,10 +3,14 @@
 // key to a std::list iterator, records in the list. Ends with a table of the
 // ratios baseline/queue per operation and key count. The merge runs also show
 // heap_growth_B, the heap taken during the timed merges (0: no allocation).
+// Then instructions per merge and per append at 1 k keys, counted by
+// callgrind (--qov-count-only prints just these).
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 #include <sys/epoll.h>
 #include <unistd.h>
+
+#include <utility>
 
 #include <algorithm>
 #include <cstdio>
@@ -87,6 +91,7 @@ public:
         close(epFd_);
     }
     void Write(Rec r) { QOV_MergeQueWrite(q_, &r.key, &r, 0); }  // the merge function works on the copy
+    MergeQueCtrlBlk *Handle() const { return q_; }
     uint32_t Read(uint64_t *sink) { return QOV_MergeQueReadCallBack(q_, kBatch, Consume, sink); }
 
 private:
@@ -240,16 +245,93 @@ private:
     std::map<std::string, double> perEntryNs_;
 };
 
+// Instructions per operation, counted by callgrind (deterministic, unlike
+// time on a shared machine; this machine has no hardware counter to ask).
+// The program runs itself under valgrind with --qov-count=<op>, and callgrind
+// collects only inside the named function below, which does kCountOps
+// operations of that kind on a warmed-up queue of 1 k keys.
+constexpr size_t kCountKeys = 1 << 10;
+constexpr size_t kCountRounds = 8;
+constexpr size_t kCountOps = kCountKeys * kCountRounds;
+
+// The records are written in place (the merge function may change them), so
+// the count is the queue's own work, not copies made by the loop.
+__attribute__((noinline)) void QovCountMerges(MergeQueCtrlBlk *q, std::vector<Rec> &recs) {
+    for (size_t r = 0; r < kCountRounds; ++r) {
+        for (Rec &rec : recs) QOV_MergeQueWrite(q, &rec.key, &rec, 0);
+    }
+}
+
+__attribute__((noinline)) void QovCountAppends(MergeQueCtrlBlk *q, std::vector<Rec> &recs) {
+    for (Rec &rec : recs) QOV_MergeQueWrite(q, &rec.key, &rec, 0);
+}
+
+int CountChild(const std::string &op) {
+    const Workload &w = Load(kCountKeys);
+    Queue q(kCountKeys);
+    WarmUp(q, w);
+    std::vector<Rec> recs = op == "merge" ? w.shuffled : w.recs;
+    if (op == "merge") {
+        for (const Rec &r : w.recs) q.Write(r);
+        QovCountMerges(q.Handle(), recs);
+        Drain(q);
+    } else {
+        for (size_t r = 0; r < kCountRounds; ++r) {
+            QovCountAppends(q.Handle(), recs);
+            Drain(q);
+        }
+    }
+    return 0;
+}
+
+// Runs this program under callgrind for op; the collected instruction count
+// per operation, or a negative value when valgrind is not at hand.
+double CountedInstructions(const char *self, const char *op, const char *fn) {
+    std::string out = "/tmp/qov_mq_callgrind." + std::to_string(getpid()) + "." + op;
+    std::string cmd = std::string("valgrind --tool=callgrind '--toggle-collect=*") + fn + "*'" +
+                      " --callgrind-out-file=" + out + " " + self + " --qov-count=" + op + " >/dev/null 2>&1";
+    if (std::system(cmd.c_str()) != 0) return -1;
+    FILE *f = std::fopen(out.c_str(), "r");
+    if (f == nullptr) return -1;
+    double total = -1;
+    char line[512];
+    while (std::fgets(line, sizeof line, f) != nullptr) {
+        unsigned long long n = 0;
+        if (std::sscanf(line, "totals: %llu", &n) == 1 || std::sscanf(line, "summary: %llu", &n) == 1) total = n;
+    }
+    std::fclose(f);
+    std::remove(out.c_str());
+    return total < 0 ? -1 : total / kCountOps;
+}
+
+void PrintInstructionCounts(const char *self) {
+    std::printf("\nInstructions per operation at %zu keys (callgrind, %zu operations):\n", kCountKeys, kCountOps);
+    for (const auto &[op, fn] : {std::pair{"merge", "QovCountMerges"}, std::pair{"append", "QovCountAppends"}}) {
+        double n = CountedInstructions(self, op, fn);
+        if (n < 0) {
+            std::printf("%-8s (valgrind not available)\n", op);
+        } else {
+            std::printf("%-8s %8.1f\n", op, n);
+        }
+    }
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
     QovHostLogEcho(0);
     QovHostLogCapture(0);
     QovHostJournalEnable(0);
-    benchmark::Initialize(&argc, argv);
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    reporter.PrintRatios();
-    benchmark::Shutdown();
+    const std::string countFlag = "--qov-count=";
+    if (argc == 2 && std::string(argv[1]).rfind(countFlag, 0) == 0) return CountChild(argv[1] + countFlag.size());
+    bool countOnly = argc == 2 && std::string(argv[1]) == "--qov-count-only";
+    if (!countOnly) {
+        benchmark::Initialize(&argc, argv);
+        RatioReporter reporter;
+        benchmark::RunSpecifiedBenchmarks(&reporter);
+        reporter.PrintRatios();
+        benchmark::Shutdown();
+    }
+    PrintInstructionCounts(argv[0]);
     return 0;
 }

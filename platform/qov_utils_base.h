@@ -68,8 +68,9 @@ QOV_PLAT_API int eventfd_s(unsigned int initval, int flags);
  * when the element holds this key. Find and remove take the first element of
  * the key's bucket for which it answers non-zero.
  *
- * A table made with a lock guards its own structure with an internal mutex;
- * deleting a table releases the elements still in it. */
+ * A table made with a lock guards its own structure with an internal lock;
+ * deleting a table releases the elements still in it. A per-bucket count is the
+ * number of elements whose hash value falls in the key's bucket. */
 typedef struct LITE_HASH LITE_HASH_S;
 typedef uint32_t (*LITE_HASH_KEY_FUNC)(const void *key);
 typedef uint32_t (*LITE_HASH_CMP_FUNC)(const void *element, const void *key);

@@ -3,9 +3,9 @@
 // Index: open addressing with linear probing over a power-of-two array of
 // slots. A slot holds the element pointer beside the element's full hash
 // value, so a probe rejects a non-matching slot without touching its element
-// and a match costs one memory access for the element itself. The slot is the
-// index node handed to callers (its first word is the element); it stays
-// valid until the table next changes. The home slot comes from a remix of the
+// and a match costs one memory access for the element itself. The index node
+// handed to callers sits in the element's header, beside the element, so it
+// stays valid while the element is linked whatever else changes. The home slot comes from a remix of the
 // caller's hash, since a caller's hash may vary only in a few bits. Removal
 // shifts the rest of the probe run back (no tombstones), and the slot array
 // doubles before it is 5/8 full, so probe runs stay short.
@@ -14,7 +14,7 @@
 // bucket (hash modulo bucket count); a count per bucket is kept up to date so
 // the per-bucket count query costs one look-up.
 //
-// Elements sit behind an 8-byte header (hash value, linked flag) and are
+// Elements sit behind a 16-byte header (index node, hash value, linked flag) and are
 // carved from slabs at a stride chosen so that an element touches no more
 // cache lines than its size requires; released elements are recycled through
 // a free list, so a new element costs at most one allocation and usually
@@ -39,10 +39,11 @@
 namespace {
 
 struct ElemHdr {
+    LITE_HASH_NODE_S node;  // node.data is the element, just behind this header
     uint32_t hash;
     uint32_t linked;
 };
-static_assert(sizeof(ElemHdr) == 8, "elements behind the header stay 8-aligned");
+static_assert(sizeof(ElemHdr) == 16, "elements behind the header stay 16-aligned");
 
 struct Slot {
     LITE_HASH_NODE_S node;  // node.data is the element, null for a free slot
@@ -133,16 +134,17 @@ thread_local uint8_t t_self __attribute__((tls_model("initial-exec")));
 class TableLock {
 public:
     // claim: the caller changes the table and may become its owner.
-    void Lock(bool claim) {
-        if (owner_.load(std::memory_order_relaxed) == &t_self) {
+    // Answers whether the caller holds the lock as the owner (for Unlock).
+    bool Lock(bool claim) {
+        if (__builtin_expect(owner_.load(std::memory_order_relaxed) == &t_self, 1)) {
             ownerBusy_.store(1, std::memory_order_relaxed);
             std::atomic_signal_fence(std::memory_order_seq_cst);  // the other side's HeavyFence orders this
-            if (otherWant_.load(std::memory_order_acquire) == 0) return;
+            if (__builtin_expect(otherWant_.load(std::memory_order_acquire) == 0, 1)) return true;
         }
-        LockSlow(claim);
+        return LockSlow(claim);
     }
-    void Unlock() {
-        if (owner_.load(std::memory_order_relaxed) == &t_self) {
+    void Unlock(bool asOwner) {
+        if (__builtin_expect(asOwner, 1)) {
             ownerBusy_.store(0, std::memory_order_release);
             return;
         }
@@ -150,21 +152,22 @@ public:
     }
 
 private:
-    __attribute__((noinline)) void LockSlow(bool claim) {
+    __attribute__((noinline)) bool LockSlow(bool claim) {
         const void *self = &t_self;
         const void *owner = owner_.load(std::memory_order_seq_cst);
         if (owner == self) {
             OwnerWait(false);
-            return;
+            return true;
         }
         if (owner == nullptr && claim && AsymmetricFenceReady() &&
             owner_.compare_exchange_strong(owner, self, std::memory_order_seq_cst)) {
             // A thread that saw no owner yet did not fence us: the first
             // entry orders itself with a sequentially consistent exchange.
             OwnerWait(true);
-            return;
+            return true;
         }
         OtherLock();
+        return false;
     }
     // The owner backs off while another thread is inside or waiting.
     void OwnerWait(bool selfFenced) {
@@ -202,13 +205,14 @@ private:
 
 class Guard {
 public:
-    Guard(TableLock &l, bool claim) : l_(l) { l_.Lock(claim); }
-    ~Guard() { l_.Unlock(); }
+    Guard(TableLock &l, bool claim) : l_(l), asOwner_(l.Lock(claim)) {}
+    ~Guard() { l_.Unlock(asOwner_); }
     Guard(const Guard &) = delete;
     Guard &operator=(const Guard &) = delete;
 
 private:
     TableLock &l_;
+    bool asOwner_;
 };
 
 }  // namespace
@@ -254,7 +258,7 @@ inline Slot *FindSlot(LITE_HASH_S *h, uint32_t hash, const void *key) {
     for (uint32_t i = HomeOf(h, hash);; i = (i + 1) & h->mask) {
         Slot *s = &h->slots[i];
         if (s->node.data == nullptr) return nullptr;
-        if (s->hash == hash && h->cmpFunc(s->node.data, key) != 0) return s;
+        if (__builtin_expect(s->hash == hash, 1) && h->cmpFunc(s->node.data, key) != 0) return s;
     }
 }
 
@@ -416,7 +420,10 @@ QOV_PLAT_API void *LITE_HASH_NewData(LITE_HASH_S *hash, uint32_t flags) {
         Guard g(hash->lock, true);
         e = TakeElem(hash);
     }
-    if (e != nullptr) HdrOf(e)->linked = 0;
+    if (e != nullptr) {
+        HdrOf(e)->node.data = e;
+        HdrOf(e)->linked = 0;
+    }
     return e;
 }
 
@@ -453,11 +460,11 @@ QOV_PLAT_API uint32_t LITE_HASH_AddNode(LITE_HASH_S *hash, const void *key, void
 }
 
 QOV_PLAT_API LITE_HASH_NODE_S *LITE_HASH_FindNodeFromFirst(LITE_HASH_S *hash, const void *key) {
-    if (hash == nullptr || key == nullptr) return nullptr;
+    if (__builtin_expect(hash == nullptr || key == nullptr, 0)) return nullptr;
     uint32_t hv = hash->hashFunc(key);
     Guard g(hash->lock, true);
     Slot *s = FindSlot(hash, hv, key);
-    return s == nullptr ? nullptr : &s->node;
+    return s == nullptr ? nullptr : &HdrOf(s->node.data)->node;
 }
 
 QOV_PLAT_API void *LITE_HASH_RemoveNodeByKey(LITE_HASH_S *hash, const void *key) {
