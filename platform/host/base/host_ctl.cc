@@ -32,7 +32,7 @@ State &S() {
     return *s;
 }
 
-constexpr size_t kMaxLogLines = 1u << 20;
+constexpr size_t kMaxLogLines = 1u << 16;  // about 35 MB at most: a long run keeps its first lines
 constexpr size_t kMaxJournal = 1u << 16;
 
 std::atomic<bool> g_echo{true};
