@@ -217,14 +217,13 @@ TEST_F(TblMsgRegTest, CallbacksLandInTheSlotsOfTheirRoute) {
     TblMsgCtrlTrans *r = ASOrchGetTblMsgTrans(hdl_, 7);
     ASSERT_NE(b, nullptr);
     ASSERT_NE(r, nullptr);
-    EXPECT_EQ(b->smoothPreProc, &Smooth4);
-    EXPECT_EQ(b->smoothProc, &Smooth4b);
-    EXPECT_EQ(b->smoothPreProcWithType, nullptr);
-    EXPECT_EQ(b->smoothProcWithType, nullptr);
-    EXPECT_EQ(r->smoothPreProc, nullptr);
-    EXPECT_EQ(r->smoothProc, nullptr);
-    EXPECT_EQ(r->smoothPreProcWithType, &Smooth5);
-    EXPECT_EQ(r->smoothProcWithType, &Smooth5b);
+    using S4 = decltype(&Smooth4);
+    using S5 = decltype(&Smooth5);
+    auto slots = [](const TblMsgCtrlTrans *t) {
+        return std::make_tuple(t->smoothPreProc, t->smoothProc, t->smoothPreProcWithType, t->smoothProcWithType);
+    };
+    EXPECT_EQ(slots(b), std::make_tuple(&Smooth4, &Smooth4b, S5{}, S5{}));
+    EXPECT_EQ(slots(r), std::make_tuple(S4{}, S4{}, &Smooth5, &Smooth5b));
     EXPECT_EQ(std::make_tuple(b->tableId, b->tblSize, b->tblParam, b->dataPath, b->version),
               std::make_tuple(1u, 24u, 10u, 1u, 0u));
     EXPECT_EQ(std::make_tuple(r->tableId, r->tblSize, r->tblParam, r->dataPath, r->version),
