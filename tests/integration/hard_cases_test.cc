@@ -35,7 +35,7 @@ struct State {
     std::string report;                 // DAM queue report taken when kLast is handled
     std::atomic<uint32_t> costUs{0}, damDone{0}, damAtFes{0}, fesLag{~0u}, backlogAtFes{0};
     std::atomic<uint32_t> lastSeenPressed{0}, badRelease{0}, releases{0};
-    std::atomic<bool> lastSeen{false};
+    std::atomic<bool> lastSeen{false}, paused{false};
     ASOrchHandle *hdl = nullptr;
 } *g;
 
@@ -62,7 +62,10 @@ uint32_t Pressed() {
 // that a release of the source happens only once the queue is at its low water.
 uint32_t Handler(ASOrchHandle *hdl, ASOrchMergeMsgVec *v) {
     uint32_t key = QovHostGetU32(v->key), val = QovHostGetU32(v->data + 4);
-    if (key == kPause) return ASOrchMergeBackPress(hdl, AS_ORCH_MERGE_DAM);
+    if (key == kPause) {
+        g->paused = ASOrchMergeBackPress(hdl, AS_ORCH_MERGE_DAM) == 0;
+        return 0;
+    }
     if (key == kResume) {
         g->fesLag = g->damDone - g->damAtFes;
         return ASOrchMergeUnBackPress(hdl, AS_ORCH_MERGE_DAM);
@@ -221,6 +224,9 @@ TEST_P(HardChurn, OneKeyUpdatedTenThousandTimesIsDeliveredOnceWithTheCombinedOp)
     Start(0, 0);
     std::vector<uint8_t> feed;
     Put(feed, kSet, {{kPause, 0}});
+    SendAll(broker_, feed);
+    ASSERT_TRUE(WaitFor([] { return g->paused.load(); }));  // the churn is queued behind a held reader
+    feed.clear();
     if (c.delFirst) Put(feed, kDel, {{5, 0}});
     for (uint32_t f = 0; f < 20; ++f) {
         std::vector<std::pair<uint32_t, uint32_t>> e;
