@@ -28,6 +28,7 @@ constexpr uint32_t kMsgId = 100, kEntry = 16, kPrefix = 8;
 constexpr uint32_t kSet = 7, kDel = 8, kFes = 9;  // broker message ids: DAM op 0, DAM op 1, FES op 0
 constexpr uint32_t kPause = 0xFFFFFFF0, kResume = 0xFFFFFFF1, kLast = 0xFFFFFFF2;
 
+using Entries = std::vector<std::pair<uint32_t, uint32_t>>;  // (key, value)
 struct Got { uint32_t val, op, n; };
 struct State {
     std::mutex mu;
@@ -71,8 +72,7 @@ uint32_t Handler(ASOrchHandle *hdl, ASOrchMergeMsgVec *v) {
         return ASOrchMergeUnBackPress(hdl, AS_ORCH_MERGE_DAM);
     }
     for (auto end = std::chrono::steady_clock::now() + std::chrono::microseconds(g->costUs);
-         std::chrono::steady_clock::now() < end;) {
-    }
+         std::chrono::steady_clock::now() < end;) {}
     uint32_t pressed = Pressed();
     if (g->lastSeenPressed.exchange(pressed) == 1 && pressed == 0) {  // released within this batch
         ++g->releases;
@@ -104,7 +104,7 @@ uint32_t OnFrame(void *ctx, QovHostIpcMsg *m) {
 }
 
 // One frame of entries (key, value) for message id.
-void Put(std::vector<uint8_t> &out, uint32_t id, const std::vector<std::pair<uint32_t, uint32_t>> &e) {
+void Put(std::vector<uint8_t> &out, uint32_t id, const Entries &e) {
     std::vector<uint8_t> body(kPrefix + e.size() * kEntry, 0);
     for (size_t i = 0; i < e.size(); ++i) {
         QovHostPutU32(&body[kPrefix + i * kEntry], e[i].first);
@@ -131,12 +131,11 @@ uint32_t SendAll(Broker &b, const std::vector<uint8_t> &bytes) {
     return pressedAgain;
 }
 
+constexpr auto kName = [](const auto &i) { return std::string(i.param.name); };
+
 class HardCases : public qovtest::HostTest {
 protected:
-    void SetUp() override {
-        HostTest::SetUp();
-        g = new State;
-    }
+    void SetUp() override { HostTest::SetUp(), g = new State; }
     void TearDown() override {
         if (g->hdl != nullptr) Stop();
         delete g;
@@ -185,7 +184,7 @@ TEST_P(HardFlood, SlowHandlerBoundsTheQueueAndEveryKeyEndsAsLastSent) {
     std::vector<uint8_t> feed;
     std::map<uint32_t, Got> want;
     for (uint32_t m = 0; m < 1500; ++m) {  // 48 000 entries over 3000 keys, every fifth message deletes
-        std::vector<std::pair<uint32_t, uint32_t>> e;
+        Entries e;
         for (uint32_t i = 0; i < 32; ++i) e.push_back({(m * 97 + i * 31) % 3000, m * 32 + i});
         Put(feed, m % 5 == 4 ? kDel : kSet, e);
         for (auto [k, v] : e) want[k] = {v, m % 5 == 4 ? 1u : 0u, 1};
@@ -214,7 +213,7 @@ TEST_P(HardFlood, SlowHandlerBoundsTheQueueAndEveryKeyEndsAsLastSent) {
     EXPECT_EQ(g->keys[kLast].n, 1u) << "delivered again after the flood";
 }
 INSTANTIATE_TEST_SUITE_P(, HardFlood, ::testing::Values(Water{"Wide", 512, 64}, Water{"Narrow", 300, 260}),
-                         [](const auto &i) { return std::string(i.param.name); });
+                         kName);
 
 // Broken by: no coalescing of a queued key (10 000 deliveries), a wrong merged op.
 struct Churn { const char *name; bool delFirst, delLast; uint32_t op; };
@@ -229,7 +228,7 @@ TEST_P(HardChurn, OneKeyUpdatedTenThousandTimesIsDeliveredOnceWithTheCombinedOp)
     feed.clear();
     if (c.delFirst) Put(feed, kDel, {{5, 0}});
     for (uint32_t f = 0; f < 20; ++f) {
-        std::vector<std::pair<uint32_t, uint32_t>> e;
+        Entries e;
         for (uint32_t i = 0; i < 500; ++i) e.push_back({5, f * 500 + i});
         Put(feed, kSet, e);
     }
@@ -246,7 +245,7 @@ TEST_P(HardChurn, OneKeyUpdatedTenThousandTimesIsDeliveredOnceWithTheCombinedOp)
 INSTANTIATE_TEST_SUITE_P(, HardChurn,
                          ::testing::Values(Churn{"UpdateOnUpdate", false, false, 0}, Churn{"ThenDelete", false, true, 1},
                                            Churn{"DeleteThenUpdate", true, false, 2}),
-                         [](const auto &i) { return std::string(i.param.name); });
+                         kName);
 
 // Broken by: one queue (or one reader) for both paths: the FES entry then waits
 // behind the whole DAM backlog.
@@ -254,7 +253,7 @@ TEST_F(HardCases, DamBurstDoesNotHoldUpAnFesEntry) {
     Start(1u << 20, 1u << 19);
     std::vector<uint8_t> feed;
     for (uint32_t m = 0; m < 400; ++m) {  // 102 400 distinct keys, 256 to a message
-        std::vector<std::pair<uint32_t, uint32_t>> e;
+        Entries e;
         for (uint32_t i = 0; i < 256; ++i) e.push_back({m * 256 + i, 0});
         Put(feed, kSet, e);
         if (m == 200) Put(feed, kFes, {{kResume, 0}});
@@ -279,7 +278,7 @@ TEST_F(HardCases, ShutdownWhileTheBrokerStillSends) {
     std::atomic<bool> closed{false};
     std::thread feeder([&] {
         std::vector<uint8_t> f;
-        Put(f, kSet, std::vector<std::pair<uint32_t, uint32_t>>(32, {1, 1}));
+        Put(f, kSet, Entries(32, {1, 1}));
         for (auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
              !closed && std::chrono::steady_clock::now() < end;) {
             if (send(broker_.cfd, f.data(), f.size(), MSG_NOSIGNAL | MSG_DONTWAIT) < 0 && errno != EAGAIN)
