@@ -243,7 +243,8 @@ TEST_P(HardChurn, OneKeyUpdatedTenThousandTimesIsDeliveredOnceWithTheCombinedOp)
     EXPECT_EQ(g->keys[5].val, c.delLast ? 10000u : 9999u);
 }
 INSTANTIATE_TEST_SUITE_P(, HardChurn,
-                         ::testing::Values(Churn{"UpdateOnUpdate", false, false, 0}, Churn{"ThenDelete", false, true, 1},
+                         ::testing::Values(Churn{"UpdateOnUpdate", false, false, 0},
+                                           Churn{"ThenDelete", false, true, 1},
                                            Churn{"DeleteThenUpdate", true, false, 2}),
                          kName);
 
