@@ -5,13 +5,13 @@
 #include <atomic>
 #include <fstream>
 #include <mutex>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "qov_autosync_orch.h"
 #include "qov_host_api.h"
+#include "support/kept_alloc.h"
 #include "support/loopback_broker.h"
 #include "support/test_env.h"
 
@@ -85,37 +85,8 @@ int32_t Tid(ASOrchHandle *hdl, uint32_t kind) {
     return QovHostThreadGet(ASOrchGetEalHdl(hdl), kind, &r) == 0 ? r.tid : 0;
 }
 
-// The counting allocator, with the live blocks known: the table-message
-// registry keeps its table and node block past ASOrchDestroy, by design.
-constexpr size_t kRegistryKept = 2;
-std::mutex g_blkMu;
-std::set<void *> g_blocks;
-
-void *Alloc(uint32_t n) {
-    void *p = qovtest::TestAlloc(n);
-    std::lock_guard<std::mutex> lk(g_blkMu);
-    if (p != nullptr) g_blocks.insert(p);
-    return p;
-}
-
-void Free(void *p) {
-    {
-        std::lock_guard<std::mutex> lk(g_blkMu);
-        g_blocks.erase(p);
-    }
-    qovtest::TestFree(p);
-}
-
-// Frees what is still live; returns how many blocks that was.
-size_t FreeKept() {
-    std::set<void *> kept;
-    {
-        std::lock_guard<std::mutex> lk(g_blkMu);
-        kept.swap(g_blocks);
-    }
-    for (void *p : kept) qovtest::TestFree(p);
-    return kept.size();
-}
+using qovtest::FreeKept;
+using qovtest::kRegistryKept;
 
 bool ThreadGone(int32_t tid) { return !std::ifstream("/proc/self/task/" + std::to_string(tid) + "/comm").good(); }
 
@@ -124,7 +95,7 @@ protected:
     // Creates, registers (threads of mask, sync kinds 0 and 1, the DAM and
     // FES channels to port) and starts an instance.
     ASOrchHandle *Start(const char *name, uint32_t mask, uint16_t port) {
-        ASOrchCreatePara cp{0, 0, Alloc, Free, 0};
+        ASOrchCreatePara cp{0, 0, qovtest::KeptAlloc, qovtest::KeptFree, 0};
         ASOrchHandle *hdl = ASOrchCreate(name, &cp);
         EXPECT_NE(hdl, nullptr);
         ASOrchBasePara b{};
@@ -228,8 +199,7 @@ TEST_F(Integration, DestroyRightAfterAFullSpeedFeed) {
         feeder.join();
         DestroyAll();
         ASSERT_EQ(qovtest::AllocOutstanding(), 0) << "round " << round;
-        // A joined thread's task can outlive the join by a moment in the
-        // kernel; one that was never stopped stays for good.
+        // A joined thread's task may linger in /proc for a moment after the join.
         for (int32_t t : tids)
             ASSERT_TRUE(WaitFor([t] { return ThreadGone(t); }, 1000)) << "thread " << t << " of round " << round;
     }
