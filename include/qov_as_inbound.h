@@ -21,15 +21,6 @@
 #include "qov_as_log.h"
 #include "qov_as_smooth.h"
 
-/* Layout checks of exchanged records, in C and in C++. */
-#ifndef QOV_AS_STATIC_ASSERT
-#ifdef __cplusplus
-#define QOV_AS_STATIC_ASSERT(cond, msg) static_assert(cond, msg)
-#else
-#define QOV_AS_STATIC_ASSERT(cond, msg) _Static_assert(cond, msg)
-#endif
-#endif
-
 QOV_AS_EXTERN_C_BEGIN
 
 typedef struct ASOrchHandle ASOrchHandle;

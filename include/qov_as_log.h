@@ -18,12 +18,10 @@
 
 /* Layout check of a record exchanged with the platform or the caller: C11's
  * _Static_assert, or static_assert when the header is read as C++. */
-#ifndef QOV_AS_STATIC_ASSERT
 #ifdef __cplusplus
 #define QOV_AS_STATIC_ASSERT(cond, msg) static_assert(cond, msg)
 #else
 #define QOV_AS_STATIC_ASSERT(cond, msg) _Static_assert(cond, msg)
-#endif
 #endif
 
 QOV_AS_EXTERN_C_BEGIN

@@ -8,15 +8,6 @@
 #include <stdint.h>
 #include "qov_as_log.h"
 
-/* Layout checks of exchanged records, in C and in C++. */
-#ifndef QOV_AS_STATIC_ASSERT
-#ifdef __cplusplus
-#define QOV_AS_STATIC_ASSERT(cond, msg) static_assert(cond, msg)
-#else
-#define QOV_AS_STATIC_ASSERT(cond, msg) _Static_assert(cond, msg)
-#endif
-#endif
-
 QOV_AS_EXTERN_C_BEGIN
 
 /* Four-argument form: (tableId, TLV type, class record or null, record length). */

@@ -21,8 +21,9 @@ constexpr uint32_t AS_SMOOTH_BATCH_NONE = 3;      // batch type when no row is u
 // A class handler. tlv runs from the smoothing TLV to the end of the transfer
 // TLV's value (its size is the bytes remaining, at most INT32_MAX) and holds at
 // least a smoothing head. Returns the bytes remaining after this TLV, or -1.
-using ASOrchSmoothProcFunc = int32_t (*)(ASOrchHandle *hdl, std::span<const uint8_t> tlv,
-                                         const TblMsgCtrlTrans *ctrl, uint32_t batchType);
+using ASOrchSmoothProc = int32_t(ASOrchHandle *hdl, std::span<const uint8_t> tlv, const TblMsgCtrlTrans *ctrl,
+                                 uint32_t batchType);
+using ASOrchSmoothProcFunc = ASOrchSmoothProc *;
 
 extern const uint32_t g_ASOrchSmoothTlvType[AS_SMOOTH_BATCH_NUM];
 extern const uint32_t g_ASOrchSmoothBatchType[AS_SMOOTH_BATCH_NUM];
@@ -37,24 +38,17 @@ uint32_t ASOrchTransTblSmooth(ASOrchHandle *hdl, const ASOrchTransTlv *tlv, cons
 void ASOrchTransTblSmoothGetTlvAndBatchType(uint32_t first, uint32_t *type, uint32_t *batchType);
 // The handler of the smoothing TLV at the front of tlv; -1 for a type without
 // one and for a tlv too short to hold a smoothing head.
-int32_t ASOrchSmoothMsgProc(ASOrchHandle *hdl, std::span<const uint8_t> tlv, const TblMsgCtrlTrans *ctrl,
-                            uint32_t batchType);
+ASOrchSmoothProc ASOrchSmoothMsgProc;
 // 0 when length is the type's fixed length and fits in remaining, else 1 (logged).
 uint32_t ASOrchSmoothMsgCheck(const ASOrchSmoothTlvHead *head, uint32_t fixedLen, uint32_t remaining);
 
 // Class handlers, one per class record.
-int32_t ASOrchSmoothClassState(ASOrchHandle *hdl, std::span<const uint8_t> tlv, const TblMsgCtrlTrans *ctrl,
-                               uint32_t batchType);
-int32_t ASOrchSmoothVrfState(ASOrchHandle *hdl, std::span<const uint8_t> tlv, const TblMsgCtrlTrans *ctrl,
-                             uint32_t batchType);
-int32_t ASOrchSmoothVrfClassData(ASOrchHandle *hdl, std::span<const uint8_t> tlv, const TblMsgCtrlTrans *ctrl,
-                                 uint32_t batchType);
-int32_t ASOrchSmoothPidState(ASOrchHandle *hdl, std::span<const uint8_t> tlv, const TblMsgCtrlTrans *ctrl,
-                             uint32_t batchType);
-int32_t ASOrchSmoothLrClassData(ASOrchHandle *hdl, std::span<const uint8_t> tlv, const TblMsgCtrlTrans *ctrl,
-                                uint32_t batchType);
-int32_t ASOrchSmoothDamClassData(ASOrchHandle *hdl, std::span<const uint8_t> tlv, const TblMsgCtrlTrans *ctrl,
-                                 uint32_t batchType);
+ASOrchSmoothProc ASOrchSmoothClassState;
+ASOrchSmoothProc ASOrchSmoothVrfState;
+ASOrchSmoothProc ASOrchSmoothVrfClassData;
+ASOrchSmoothProc ASOrchSmoothPidState;
+ASOrchSmoothProc ASOrchSmoothLrClassData;
+ASOrchSmoothProc ASOrchSmoothDamClassData;
 
 // Platform entries of the begin/end classes; begin and end are told apart by optType.
 void ASOrchVrfStateEntry(const ASOrchHandle *hdl, uint32_t optType, ASOrchSmoothClassStateRec *rec);
