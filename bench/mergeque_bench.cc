@@ -3,8 +3,8 @@
 // key to a std::list iterator, records in the list. Ends with a table of the
 // ratios baseline/queue per operation and key count. The merge runs also show
 // heap_growth_B, the heap taken during the timed merges (0: no allocation).
-// Then instructions per merge and per append at 1 k keys, counted by
-// callgrind (--qov-count-only prints just these).
+// Then instructions per merge, per append and per read at 1 k keys, queue and
+// baseline, counted by callgrind (--qov-count-only prints just these).
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 #include <sys/epoll.h>
@@ -249,37 +249,68 @@ private:
 // time on a shared machine; this machine has no hardware counter to ask).
 // The program runs itself under valgrind with --qov-count=<op>, and callgrind
 // collects only inside the named function below, which does kCountOps
-// operations of that kind on a warmed-up queue of 1 k keys.
+// operations of that kind on a warmed-up queue (or baseline) of 1 k keys;
+// a read is one entry of the drain, in batches as timed above.
 constexpr size_t kCountKeys = 1 << 10;
 constexpr size_t kCountRounds = 8;
 constexpr size_t kCountOps = kCountKeys * kCountRounds;
 
 // The records are written in place (the merge function may change them), so
-// the count is the queue's own work, not copies made by the loop.
-__attribute__((noinline)) void QovCountMerges(MergeQueCtrlBlk *q, std::vector<Rec> &recs) {
+// the count is the queue's own work, not copies made by the loop. The
+// baseline is counted the same way, for comparison.
+void QueueWrite(MergeQueCtrlBlk *q, Rec &rec) { QOV_MergeQueWrite(q, &rec.key, &rec, 0); }
+void BaselineWrite(Baseline *b, Rec &rec) { b->Write(rec); }
+
+template <class H, class W>
+__attribute__((noinline)) void QovCountMerges(H h, std::vector<Rec> &recs, W write) {
     for (size_t r = 0; r < kCountRounds; ++r) {
-        for (Rec &rec : recs) QOV_MergeQueWrite(q, &rec.key, &rec, 0);
+        for (Rec &rec : recs) write(h, rec);
     }
 }
 
-__attribute__((noinline)) void QovCountAppends(MergeQueCtrlBlk *q, std::vector<Rec> &recs) {
-    for (Rec &rec : recs) QOV_MergeQueWrite(q, &rec.key, &rec, 0);
+template <class H, class W>
+__attribute__((noinline)) void QovCountAppends(H h, std::vector<Rec> &recs, W write) {
+    for (Rec &rec : recs) write(h, rec);
 }
 
-int CountChild(const std::string &op) {
+template <class Q>
+__attribute__((noinline)) void QovCountReads(Q &q) {
+    Drain(q);
+}
+
+template <class Q, class H, class W>
+void CountOps(Q &q, H h, W write, const std::string &op) {
     const Workload &w = Load(kCountKeys);
-    Queue q(kCountKeys);
     WarmUp(q, w);
     std::vector<Rec> recs = op == "merge" ? w.shuffled : w.recs;
     if (op == "merge") {
         for (const Rec &r : w.recs) q.Write(r);
-        QovCountMerges(q.Handle(), recs);
+        QovCountMerges(h, recs, write);
         Drain(q);
-    } else {
-        for (size_t r = 0; r < kCountRounds; ++r) {
-            QovCountAppends(q.Handle(), recs);
+        return;
+    }
+    for (size_t r = 0; r < kCountRounds; ++r) {
+        if (op == "append") {
+            QovCountAppends(h, recs, write);
             Drain(q);
+        } else {
+            for (const Rec &rec : w.recs) q.Write(rec);
+            QovCountReads(q);
         }
+    }
+}
+
+// op: "merge", "append" or "read", then "-baseline" for the baseline.
+int CountChild(std::string op) {
+    bool baseline = op.size() > 9 && op.compare(op.size() - 9, 9, "-baseline") == 0;
+    if (baseline) op.resize(op.size() - 9);
+    if (baseline) {
+        Baseline b(kCountKeys);
+        CountOps(b, &b, [](Baseline *h, Rec &r) __attribute__((always_inline)) { BaselineWrite(h, r); }, op);
+    } else {
+        Queue q(kCountKeys);
+        CountOps(q, q.Handle(), [](MergeQueCtrlBlk *h, Rec &r) __attribute__((always_inline)) { QueueWrite(h, r); },
+                 op);
     }
     return 0;
 }
@@ -305,13 +336,16 @@ double CountedInstructions(const char *self, const char *op, const char *fn) {
 }
 
 void PrintInstructionCounts(const char *self) {
-    std::printf("\nInstructions per operation at %zu keys (callgrind, %zu operations):\n", kCountKeys, kCountOps);
-    for (const auto &[op, fn] : {std::pair{"merge", "QovCountMerges"}, std::pair{"append", "QovCountAppends"}}) {
-        double n = CountedInstructions(self, op, fn);
-        if (n < 0) {
+    std::printf("\nInstructions per operation at %zu keys (callgrind, %zu operations):\n%-8s %10s %10s\n", kCountKeys,
+                kCountOps, "op", "queue", "baseline");
+    for (const auto &[op, fn] : {std::pair{"merge", "QovCountMerges"}, std::pair{"append", "QovCountAppends"},
+                                 std::pair{"read", "QovCountReads"}}) {
+        double q = CountedInstructions(self, op, fn);
+        double b = CountedInstructions(self, (std::string(op) + "-baseline").c_str(), fn);
+        if (q < 0 || b < 0) {
             std::printf("%-8s (valgrind not available)\n", op);
         } else {
-            std::printf("%-8s %8.1f\n", op, n);
+            std::printf("%-8s %10.1f %10.1f\n", op, q, b);
         }
     }
 }

@@ -87,11 +87,11 @@ inline uint8_t *MqEntryData(MergeQueEntry *e) { return reinterpret_cast<uint8_t 
 // Copies one record. Entries and the caller's records are dataSize bytes by
 // the queue's contract, so the bound is the record size itself; the copy is
 // inline because it sits on every write, merge and copy-out read. A record
-// copied onto itself (a merge function that stored in place) is left alone.
-// Records of 16 to 64 bytes, the usual kind, are copied as two fixed-size
-// pieces that may overlap in the middle, without a call.
+// may be copied onto itself (a merge function that stored in place).
+// Records of 16 to 64 bytes, the usual kind, are copied without a call as
+// fixed-size pieces that may overlap in the middle; every piece is loaded
+// before any is stored, so a copy onto itself leaves the record as it was.
 inline void MqCopyRecord(void *dst, const void *src, uint32_t dataSize) {
-    if (dst == src) return;
     auto *d = static_cast<uint8_t *>(dst);
     const auto *s = static_cast<const uint8_t *>(src);
     struct Piece {
@@ -112,7 +112,7 @@ inline void MqCopyRecord(void *dst, const void *src, uint32_t dataSize) {
         __builtin_memcpy(&e, s + dataSize - 16, 16);
         __builtin_memcpy(d, &a, 16);
         __builtin_memcpy(d + dataSize - 16, &e, 16);
-    } else {
+    } else if (dst != src) {
         __builtin_memcpy(d, s, dataSize);
     }
 }
@@ -211,16 +211,22 @@ bool MqNameTreeReady();
 // being destroyed.
 bool MqNameTreeUnlink(MergeQueCtrlBlk *mque);
 
+// The stampFlag columns of the two description tables as bit masks (bit id
+// set: that slot stamps the time when counted), so that counting a slot that
+// does not stamp is one add; the tables are checked against them.
+constexpr uint32_t kMqReaderStampMask = 0x7F2;  // all but Success Merge, Success Write and Success Read
+constexpr uint32_t kMqStatStampMask = 0xF;
+
 // Counting a slot: add to its count and stamp the time when the slot's row
 // says so. Inline, since appends, merges and reads count on every call.
 inline void MqAddReaderStat(MergeQueCtrlBlk *mque, uint32_t id, uint32_t n) {
     mque->reader.stat[id].cnt += n;
-    if (g_mergeQueReaderStatDesc[id].stampFlag == 1) QOV_MergeQueSetTimeStamp(&mque->reader.stat[id].stamp);
+    if (((kMqReaderStampMask >> id) & 1) != 0) QOV_MergeQueSetTimeStamp(&mque->reader.stat[id].stamp);
 }
 inline void MqCountReaderStat(MergeQueCtrlBlk *mque, uint32_t id) { MqAddReaderStat(mque, id, 1); }
 inline void MqCountStat(MergeQueCtrlBlk *mque, uint32_t id) {
     mque->stat[id].cnt++;
-    if (g_mergeQueStatDesc[id].stampFlag == 1) QOV_MergeQueSetTimeStamp(&mque->stat[id].stamp);
+    if (((kMqStatStampMask >> id) & 1) != 0) QOV_MergeQueSetTimeStamp(&mque->stat[id].stamp);
 }
 
 #endif

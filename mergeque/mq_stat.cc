@@ -35,6 +35,22 @@ constexpr MergeQueStatDesc g_mergeQueReaderStatDesc[MERGE_QUE_READER_STAT_NUM] =
     {9, "BackPress", 1},        {10, "UnBackPress", 1},
 };
 
+}  // extern "C"
+
+namespace {
+
+constexpr uint32_t MqStampMask(const MergeQueStatDesc *rows, uint32_t n) {
+    uint32_t mask = 0;
+    for (uint32_t i = 0; i < n; ++i) mask |= rows[i].stampFlag == 1 ? uint32_t{1} << rows[i].id : 0;
+    return mask;
+}
+static_assert(MqStampMask(g_mergeQueReaderStatDesc, MERGE_QUE_READER_STAT_NUM) == kMqReaderStampMask);
+static_assert(MqStampMask(g_mergeQueStatDesc, MERGE_QUE_STAT_NUM) == kMqStatStampMask);
+
+}  // namespace
+
+extern "C" {
+
 int QOV_MergeQueSetTimeStamp(uint64_t *stamp) {
     struct timeval tv {};
     int ret = gettimeofday(&tv, nullptr);

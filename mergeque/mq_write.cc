@@ -19,15 +19,37 @@ inline void MqListAddTail(MergeQueLink *head, MergeQueLink *l) {
 }
 
 // The merge, inline so that the write's hot path makes no call of its own.
-inline void MqMerge(MergeQueCtrlBlk *mque, void *record, MergeQueEntry *entry, uint32_t moveToTail) {
+// Only the record's address is kept across the merge function's call (the
+// entry is found again from it), which saves a register on the hot path.
+template <bool kMoveToTail>
+inline void MqMerge(MergeQueCtrlBlk *mque, void *record, MergeQueEntry *entry) {
     uint8_t *queued = MqEntryData(entry);
+    asm("" : "+r"(queued));
     if (mque->para.mergeFunc != nullptr) mque->para.mergeFunc(record, queued);
     MqCopyRecord(queued, record, mque->para.dataSize);
-    if (moveToTail == 1) {
+    if (kMoveToTail) {
+        entry = reinterpret_cast<MergeQueEntry *>(queued) - 1;
         MqListUnlink(&entry->link);
         MqListAddTail(&mque->reader.list, &entry->link);
     }
     MqCountReaderStat(mque, MQ_RSTAT_SUCCESS_MERGE);
+}
+
+// A write with its arguments checked. The two kinds of move are two copies
+// of this code, so that the flag does not take a register across the calls.
+template <bool kMoveToTail>
+inline uint32_t MqWrite(MergeQueCtrlBlk *mque, const void *key, void *record) {
+    LITE_HASH_NODE_S *node = LITE_HASH_FindNodeFromFirst(mque->hash, key);
+    if (node == nullptr || node->data == nullptr) return QOV_MergeQueNewWrite(mque, key, record);
+    MqMerge<kMoveToTail>(mque, record, static_cast<MergeQueEntry *>(node->data));
+    return 0;
+}
+
+__attribute__((noinline, cold)) uint32_t MqWriteRefused(const MergeQueCtrlBlk *mque, const void *key,
+                                                        const void *record) {
+    QOV_AUTOSYNC_QovLog(1, "merge queue write failed, mqueHandle: %u, key: %u, record: %u.",
+                        mque == nullptr ? 1u : 0u, key == nullptr ? 1u : 0u, record == nullptr ? 1u : 0u);
+    return 1;
 }
 
 }  // namespace
@@ -35,21 +57,19 @@ inline void MqMerge(MergeQueCtrlBlk *mque, void *record, MergeQueEntry *entry, u
 extern "C" {
 
 QOV_AS_API uint32_t QOV_MergeQueWrite(MergeQueCtrlBlk *mque, const void *key, void *record, uint32_t moveToTail) {
-    if (mque == nullptr || key == nullptr || record == nullptr) {
-        QOV_AUTOSYNC_QovLog(1, "merge queue write failed, mqueHandle: %u, key: %u, record: %u.",
-                            mque == nullptr ? 1u : 0u, key == nullptr ? 1u : 0u, record == nullptr ? 1u : 0u);
-        return 1;
+    if (__builtin_expect(mque == nullptr, 0) || __builtin_expect(key == nullptr, 0) ||
+        __builtin_expect(record == nullptr, 0)) {
+        return MqWriteRefused(mque, key, record);
     }
-    LITE_HASH_NODE_S *node = LITE_HASH_FindNodeFromFirst(mque->hash, key);
-    if (node != nullptr && node->data != nullptr) {
-        MqMerge(mque, record, static_cast<MergeQueEntry *>(node->data), moveToTail);
-        return 0;
-    }
-    return QOV_MergeQueNewWrite(mque, key, record);
+    return moveToTail == 1 ? MqWrite<true>(mque, key, record) : MqWrite<false>(mque, key, record);
 }
 
 void QOV_MergeQueMergeWrite(MergeQueCtrlBlk *mque, void *record, MergeQueEntry *entry, uint32_t moveToTail) {
-    MqMerge(mque, record, entry, moveToTail);
+    if (moveToTail == 1) {
+        MqMerge<true>(mque, record, entry);
+    } else {
+        MqMerge<false>(mque, record, entry);
+    }
 }
 
 uint32_t QOV_MergeQueNewWrite(MergeQueCtrlBlk *mque, const void *key, const void *record) {

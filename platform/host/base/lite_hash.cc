@@ -119,7 +119,22 @@ void Backoff(uint32_t &spins) {
     if (++spins > 64) sched_yield();
 }
 
-thread_local uint8_t t_self __attribute__((tls_model("initial-exec")));
+// The calling thread's identity: the address of its thread control block,
+// one instruction away on x86-64.
+// Read afresh at each use, so that no register is spent keeping it across
+// calls.
+inline const void *Self() {
+#if defined(__x86_64__)
+    const void *tp;
+    asm volatile("mov %%fs:0, %0" : "=r"(tp));
+    return tp;
+#elif __has_builtin(__builtin_thread_pointer)
+    return __builtin_thread_pointer();
+#else
+    static thread_local uint8_t self __attribute__((tls_model("initial-exec")));
+    return &self;
+#endif
+}
 
 // The table's lock, biased to the thread that first changes the table (the
 // queue's writer and reader). That thread, the owner, enters with a plain
@@ -133,41 +148,49 @@ thread_local uint8_t t_self __attribute__((tls_model("initial-exec")));
 // becomes owner and every thread takes the slow way.
 class TableLock {
 public:
-    // claim: the caller changes the table and may become its owner.
-    // Answers whether the caller holds the lock as the owner (for Unlock).
-    bool Lock(bool claim) {
-        if (__builtin_expect(owner_.load(std::memory_order_relaxed) == &t_self, 1)) {
-            ownerBusy_.store(1, std::memory_order_relaxed);
-            std::atomic_signal_fence(std::memory_order_seq_cst);  // the other side's HeavyFence orders this
-            if (__builtin_expect(otherWant_.load(std::memory_order_acquire) == 0, 1)) return true;
-        }
-        return LockSlow(claim);
+    // The owner's way in, inline: true when the caller is the owner and is
+    // now inside; LeaveAsOwner ends it. False leaves the lock as it was.
+    bool EnterAsOwner() {
+        if (__builtin_expect(owner_.load(std::memory_order_relaxed) != Self(), 0)) return false;
+        ownerBusy_.store(1, std::memory_order_relaxed);
+        std::atomic_signal_fence(std::memory_order_seq_cst);  // the other side's HeavyFence orders this
+        if (__builtin_expect(otherWant_.load(std::memory_order_acquire) == 0, 1)) return true;
+        ownerBusy_.store(0, std::memory_order_release);
+        return false;
     }
-    void Unlock(bool asOwner) {
-        if (__builtin_expect(asOwner, 1)) {
-            ownerBusy_.store(0, std::memory_order_release);
+    void LeaveAsOwner() { ownerBusy_.store(0, std::memory_order_release); }
+
+    // Any thread's way in and out. claim: the caller changes the table and
+    // may become its owner. A thread that is the owner when it unlocks was
+    // the owner when it locked (only a thread itself makes itself owner, and
+    // ownership never ends), so nothing is carried from Lock to Unlock.
+    void Lock(bool claim) {
+        if (!EnterAsOwner()) LockSlow(claim);
+    }
+    void Unlock() {
+        if (__builtin_expect(owner_.load(std::memory_order_relaxed) == Self(), 1)) {
+            LeaveAsOwner();
             return;
         }
         UnlockOther();
     }
 
 private:
-    __attribute__((noinline)) bool LockSlow(bool claim) {
-        const void *self = &t_self;
+    __attribute__((noinline)) void LockSlow(bool claim) {
+        const void *self = Self();
         const void *owner = owner_.load(std::memory_order_seq_cst);
         if (owner == self) {
             OwnerWait(false);
-            return true;
+            return;
         }
         if (owner == nullptr && claim && AsymmetricFenceReady() &&
             owner_.compare_exchange_strong(owner, self, std::memory_order_seq_cst)) {
             // A thread that saw no owner yet did not fence us: the first
             // entry orders itself with a sequentially consistent exchange.
             OwnerWait(true);
-            return true;
+            return;
         }
         OtherLock();
-        return false;
     }
     // The owner backs off while another thread is inside or waiting.
     void OwnerWait(bool selfFenced) {
@@ -203,39 +226,49 @@ private:
     std::atomic<uint32_t> others_{0};     // excludes the other threads among themselves
 };
 
-class Guard {
-public:
-    Guard(TableLock &l, bool claim) : l_(l), asOwner_(l.Lock(claim)) {}
-    ~Guard() { l_.Unlock(asOwner_); }
-    Guard(const Guard &) = delete;
-    Guard &operator=(const Guard &) = delete;
+template <class F>
+__attribute__((noinline)) auto WithLockSlowly(TableLock &l, bool claim, F f) {
+    l.Lock(claim);
+    auto r = f();
+    l.Unlock();
+    return r;
+}
 
-private:
-    TableLock &l_;
-    bool asOwner_;
-};
+// Runs f under the lock. The owner's way is inline and knows at its end that
+// it came in as the owner; every other way is a copy of f out of line.
+template <class F>
+inline auto WithLock(TableLock &l, bool claim, F f) {
+    if (__builtin_expect(l.EnterAsOwner(), 1)) {
+        auto r = f();
+        l.LeaveAsOwner();
+        return r;
+    }
+    return WithLockSlowly(l, claim, f);
+}
 
 }  // namespace
 
 struct LITE_HASH {
+    // What a find reads, in the first cache line.
     TableLock lock;
+    LITE_HASH_KEY_FUNC hashFunc;
+    LITE_HASH_CMP_FUNC cmpFunc;
     Slot *slots;
     uint32_t mask;       // slot count - 1
-    uint32_t shift;      // 64 - log2(slot count), for the home slot
+    uint32_t shift;      // 32 - log2(slot count), for the home slot
+    // What an add and a removal need besides.
     uint32_t growAt;     // linked elements at which the slot array doubles
     int32_t count;       // linked elements
     uint32_t *bucketCnt;
-    uint32_t bucketNum;
     uint64_t modMagic;   // ceil(2^64 / bucketNum), for a division-free modulo
+    uint32_t bucketNum;
     uint32_t stride;     // header + element, see StrideFor
     uint32_t elemSize;
-    LITE_HASH_KEY_FUNC hashFunc;
-    LITE_HASH_CMP_FUNC cmpFunc;
+    uint32_t carveLeft;
+    uint32_t nextSlabElems;
     void *freeList;      // released elements, linked through their first word
     Slab *slabs;
     uint8_t *carve;      // next unused element header of the newest slab
-    uint32_t carveLeft;
-    uint32_t nextSlabElems;
 };
 
 namespace {
@@ -247,11 +280,11 @@ inline uint32_t BucketOf(const LITE_HASH_S *h, uint32_t hash) {
 }
 
 // The home slot: the top bits of a Fibonacci remix of the caller's hash.
-inline uint32_t HomeOf(const LITE_HASH_S *h, uint32_t hash) {
-    return static_cast<uint32_t>((hash * 0x9E3779B97F4A7C15ull) >> h->shift);
-}
+inline uint32_t HomeOf(const LITE_HASH_S *h, uint32_t hash) { return (hash * 0x9E3779B9u) >> h->shift; }
 
 inline ElemHdr *HdrOf(void *elem) { return static_cast<ElemHdr *>(elem) - 1; }
+
+Slot *FindAgainAfter(const LITE_HASH_S *h, void *elem);
 
 // The slot holding the first element equal to key, or null.
 inline Slot *FindSlot(LITE_HASH_S *h, uint32_t hash, const void *key) {
@@ -261,6 +294,32 @@ inline Slot *FindSlot(LITE_HASH_S *h, uint32_t hash, const void *key) {
         if (__builtin_expect(s->hash == hash, 1) && h->cmpFunc(s->node.data, key) != 0) return s;
     }
 }
+
+// The first slot at or after slot i whose hash is hash, or an empty slot.
+inline Slot *NextCandidate(const LITE_HASH_S *h, uint32_t i, uint32_t hash) {
+    for (;; i = (i + 1) & h->mask) {
+        Slot *s = &h->slots[i];
+        if (s->node.data == nullptr || __builtin_expect(s->hash == hash, 1)) return s;
+    }
+}
+
+// The first element equal to key, or null: FindSlot for the find itself,
+// shaped so that only the table, the key and the candidate element live
+// across the compare call. The candidate's slot is found again from the
+// element (its header holds the hash) in the rare case that the compare
+// says no to an element of the same hash.
+inline void *FindElem(LITE_HASH_S *h, uint32_t hash, const void *key) {
+    Slot *s = NextCandidate(h, HomeOf(h, hash), hash);
+    for (;;) {
+        void *e = s->node.data;
+        if (e == nullptr) return nullptr;
+        if (__builtin_expect(h->cmpFunc(e, key) != 0, 1)) return e;
+        s = FindAgainAfter(h, e);
+    }
+}
+
+// The index node of an element: in its header, just before it.
+inline LITE_HASH_NODE_S *NodeOf(void *elem) { return &(static_cast<ElemHdr *>(elem) - 1)->node; }
 
 // Places an element in the first free slot of its probe run.
 inline void Place(Slot *slots, uint32_t mask, uint32_t home, void *elem, uint32_t hash) {
@@ -273,7 +332,7 @@ inline void Place(Slot *slots, uint32_t mask, uint32_t home, void *elem, uint32_
 void SetCapacity(LITE_HASH_S *h, Slot *slots, uint32_t n) {
     h->slots = slots;
     h->mask = n - 1;
-    h->shift = 64 - static_cast<uint32_t>(__builtin_ctz(n));
+    h->shift = 32 - static_cast<uint32_t>(__builtin_ctz(n));
     h->growAt = n / 8 * 5;
 }
 
@@ -281,7 +340,7 @@ void SetCapacity(LITE_HASH_S *h, Slot *slots, uint32_t n) {
 // table unchanged) when the larger array cannot be had.
 bool Grow(LITE_HASH_S *h) {
     uint32_t oldN = h->mask + 1;
-    if (oldN > (UINT32_MAX >> 2)) return false;
+    if (oldN >= (uint32_t{1} << 30)) return false;
     auto *fresh = static_cast<Slot *>(BlockZalloc(size_t{oldN} * 2 * sizeof(Slot)));
     if (fresh == nullptr) return false;
     Slot *old = h->slots;
@@ -314,12 +373,19 @@ void Vacate(LITE_HASH_S *h, uint32_t i) {
 }
 
 // The slot that holds this very element, or null when it is not linked.
-Slot *SlotOfElem(LITE_HASH_S *h, void *elem) {
+Slot *SlotOfElem(const LITE_HASH_S *h, void *elem) {
     for (uint32_t i = HomeOf(h, HdrOf(elem)->hash);; i = (i + 1) & h->mask) {
         Slot *s = &h->slots[i];
         if (s->node.data == elem) return s;
         if (s->node.data == nullptr) return nullptr;
     }
+}
+
+// Where a find goes on after a linked element of the key's hash compared
+// unequal: the next candidate behind that element's slot.
+__attribute__((noinline)) Slot *FindAgainAfter(const LITE_HASH_S *h, void *elem) {
+    Slot *s = SlotOfElem(h, elem);
+    return NextCandidate(h, (static_cast<uint32_t>(s - h->slots) + 1) & h->mask, HdrOf(elem)->hash);
 }
 
 bool GrowSlab(LITE_HASH_S *h) {
@@ -413,13 +479,9 @@ QOV_PLAT_API void LITE_HASH_DeleteHash(LITE_HASH_S **hash) {
 
 QOV_PLAT_API void *LITE_HASH_NewData(LITE_HASH_S *hash, uint32_t flags) {
     (void)flags;
-    int64_t r = 0;
+    int64_t r;
     if (hash == nullptr || qovhost::Fail("LITE_HASH_NewData", &r)) return nullptr;
-    void *e;
-    {
-        Guard g(hash->lock, true);
-        e = TakeElem(hash);
-    }
+    void *e = WithLock(hash->lock, true, [hash] { return TakeElem(hash); });
     if (e != nullptr) {
         HdrOf(e)->node.data = e;
         HdrOf(e)->linked = 0;
@@ -431,66 +493,69 @@ QOV_PLAT_API void *LITE_HASH_NewData(LITE_HASH_S *hash, uint32_t flags) {
 // to remove it cannot leave a released element in the index.
 QOV_PLAT_API void LITE_HASH_FreeData(LITE_HASH_S *hash, void *element) {
     if (hash == nullptr || element == nullptr) return;
-    Guard g(hash->lock, true);
-    if (HdrOf(element)->linked != 0) {
-        if (Slot *s = SlotOfElem(hash, element); s != nullptr) Vacate(hash, static_cast<uint32_t>(s - hash->slots));
-    }
-    std::memcpy(element, &hash->freeList, sizeof(void *));
-    hash->freeList = element;
+    WithLock(hash->lock, true, [hash, element] {
+        if (HdrOf(element)->linked != 0) {
+            if (Slot *s = SlotOfElem(hash, element); s != nullptr) Vacate(hash, static_cast<uint32_t>(s - hash->slots));
+        }
+        std::memcpy(element, &hash->freeList, sizeof(void *));
+        hash->freeList = element;
+        return 0;
+    });
 }
 
+// The closures below hold two words at most, so that the way out of line
+// takes them in registers.
 QOV_PLAT_API uint32_t LITE_HASH_AddNode(LITE_HASH_S *hash, const void *key, void *element, uint32_t flags) {
     (void)flags;
-    int64_t r = 0;
+    int64_t r;
     if (qovhost::Fail("LITE_HASH_AddNode", &r)) return r == 0 ? 1u : static_cast<uint32_t>(r);
     if (hash == nullptr || key == nullptr || element == nullptr) return 1;
     ElemHdr *hdr = HdrOf(element);
     if (hdr->linked != 0) return 1;
-    uint32_t hv = hash->hashFunc(key);
-    Guard g(hash->lock, true);
-    // Normally grown already when the element was taken; this keeps a free
-    // slot for elements added without a fresh NewData.
-    if (static_cast<uint32_t>(hash->count) + 1 > hash->mask - hash->mask / 8 && !Grow(hash)) return 1;
-    hdr->hash = hv;
-    hdr->linked = 1;
-    Place(hash->slots, hash->mask, HomeOf(hash, hv), element, hv);
-    hash->bucketCnt[BucketOf(hash, hv)]++;
-    hash->count++;
-    return 0;
+    // The element is the caller's until it is linked, so its header is
+    // written before the lock is taken.
+    hdr->hash = hash->hashFunc(key);
+    return WithLock(hash->lock, true, [hash, hdr]() -> uint32_t {
+        // Normally grown already when the element was taken; this keeps a
+        // free slot for elements added without a fresh NewData.
+        if (static_cast<uint32_t>(hash->count) + 1 > hash->mask - hash->mask / 8 && !Grow(hash)) return 1;
+        uint32_t hv = hdr->hash;
+        hdr->linked = 1;
+        Place(hash->slots, hash->mask, HomeOf(hash, hv), hdr->node.data, hv);
+        hash->bucketCnt[BucketOf(hash, hv)]++;
+        hash->count++;
+        return 0;
+    });
 }
 
 QOV_PLAT_API LITE_HASH_NODE_S *LITE_HASH_FindNodeFromFirst(LITE_HASH_S *hash, const void *key) {
     if (__builtin_expect(hash == nullptr || key == nullptr, 0)) return nullptr;
-    uint32_t hv = hash->hashFunc(key);
-    Guard g(hash->lock, true);
-    Slot *s = FindSlot(hash, hv, key);
-    return s == nullptr ? nullptr : &HdrOf(s->node.data)->node;
+    void *e = WithLock(hash->lock, true, [hash, key] { return FindElem(hash, hash->hashFunc(key), key); });
+    return e == nullptr ? nullptr : NodeOf(e);
 }
 
 QOV_PLAT_API void *LITE_HASH_RemoveNodeByKey(LITE_HASH_S *hash, const void *key) {
-    int64_t r = 0;
+    int64_t r;
     if (qovhost::Fail("LITE_HASH_RemoveNodeByKey", &r)) return nullptr;
     if (hash == nullptr || key == nullptr) return nullptr;
-    uint32_t hv = hash->hashFunc(key);
-    Guard g(hash->lock, true);
-    Slot *s = FindSlot(hash, hv, key);
-    if (s == nullptr) return nullptr;
-    void *e = s->node.data;
-    Vacate(hash, static_cast<uint32_t>(s - hash->slots));
-    return e;
+    return WithLock(hash->lock, true, [hash, key]() -> void * {
+        Slot *s = FindSlot(hash, hash->hashFunc(key), key);
+        if (s == nullptr) return nullptr;
+        void *e = s->node.data;
+        Vacate(hash, static_cast<uint32_t>(s - hash->slots));
+        return e;
+    });
 }
 
 QOV_PLAT_API int32_t LITE_HASH_GetListCntByKey(LITE_HASH_S *hash, const void *key) {
     if (hash == nullptr || key == nullptr) return 0;
-    uint32_t b = BucketOf(hash, hash->hashFunc(key));
-    Guard g(hash->lock, false);
-    return static_cast<int32_t>(hash->bucketCnt[b]);
+    uint32_t hv = hash->hashFunc(key);
+    return WithLock(hash->lock, false, [hash, hv] { return static_cast<int32_t>(hash->bucketCnt[BucketOf(hash, hv)]); });
 }
 
 QOV_PLAT_API int32_t LITE_HASH_GetHashCnt(LITE_HASH_S *hash) {
     if (hash == nullptr) return 0;
-    Guard g(hash->lock, false);
-    return hash->count;
+    return WithLock(hash->lock, false, [hash] { return hash->count; });
 }
 
 }  // extern "C"
