@@ -117,6 +117,19 @@ inline void MqCopyRecord(void *dst, const void *src, uint32_t dataSize) {
     }
 }
 
+// The read-order list, circular with its head among the links.
+inline void MqListUnlink(MergeQueLink *l) {
+    l->prev->next = l->next;
+    l->next->prev = l->prev;
+}
+
+inline void MqListAddTail(MergeQueLink *head, MergeQueLink *l) {
+    l->prev = head->prev;
+    l->next = head;
+    head->prev->next = l;
+    head->prev = l;
+}
+
 inline MergeQueEntry *MqEntryOfLink(MergeQueLink *l) {
     return reinterpret_cast<MergeQueEntry *>(reinterpret_cast<uint8_t *>(l) - offsetof(MergeQueEntry, link));
 }

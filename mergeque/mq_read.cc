@@ -20,6 +20,23 @@ inline void MqCountShortfall(MergeQueCtrlBlk *mque, uint32_t maxCount, uint32_t 
 
 extern "C" {
 
+void QOV_MergeQueDetachMsgList(MergeQueCtrlBlk *mque, MergeQueEntry *entry) {
+    MqListUnlink(&entry->link);
+    entry->link.next = &entry->link;
+    entry->link.prev = &entry->link;
+    if (mque->reader.itemCnt != 0) mque->reader.itemCnt--;
+    MqCountReaderStat(mque, MQ_RSTAT_SUCCESS_READ);
+}
+
+uint32_t QOV_MergeQueRemoveHash(MergeQueCtrlBlk *mque, MergeQueEntry *entry) {
+    const void *key = mque->para.getKeyPtr(MqEntryData(entry));
+    if (LITE_HASH_RemoveNodeByKey(mque->hash, key) == nullptr) {
+        QOV_AUTOSYNC_QovLog(1, "%s failed to remove HashNode!", mque->name);
+        return 1;
+    }
+    return 0;
+}
+
 QOV_AS_API uint32_t QOV_MergeQueRead(MergeQueCtrlBlk *mque, void *buf, uint32_t maxCount) {
     if (mque == nullptr || buf == nullptr || maxCount == 0) return 0;
     uint32_t read = QOV_MergeQueReadBase(mque, mque->para.dataSize, buf, maxCount);

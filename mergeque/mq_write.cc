@@ -6,18 +6,6 @@
 
 namespace {
 
-inline void MqListUnlink(MergeQueLink *l) {
-    l->prev->next = l->next;
-    l->next->prev = l->prev;
-}
-
-inline void MqListAddTail(MergeQueLink *head, MergeQueLink *l) {
-    l->prev = head->prev;
-    l->next = head;
-    head->prev->next = l;
-    head->prev = l;
-}
-
 // The merge, inline so that the write's hot path makes no call of its own.
 // Only the record's address is kept across the merge function's call (the
 // entry is found again from it), which saves a register on the hot path.
@@ -107,26 +95,9 @@ void QOV_MergeQueAttachMsgList(MergeQueCtrlBlk *mque, MergeQueEntry *entry) {
     if (eventfd_write(mque->reader.eventFd, 1) < 0) MqCountReaderStat(mque, MQ_RSTAT_WRITE_NOTIFY_ERR);
 }
 
-void QOV_MergeQueDetachMsgList(MergeQueCtrlBlk *mque, MergeQueEntry *entry) {
-    MqListUnlink(&entry->link);
-    entry->link.next = &entry->link;
-    entry->link.prev = &entry->link;
-    if (mque->reader.itemCnt != 0) mque->reader.itemCnt--;
-    MqCountReaderStat(mque, MQ_RSTAT_SUCCESS_READ);
-}
-
 void QOV_MergeQueMsgListMoveTail(MergeQueCtrlBlk *mque, MergeQueEntry *entry) {
     MqListUnlink(&entry->link);
     MqListAddTail(&mque->reader.list, &entry->link);
-}
-
-uint32_t QOV_MergeQueRemoveHash(MergeQueCtrlBlk *mque, MergeQueEntry *entry) {
-    const void *key = mque->para.getKeyPtr(MqEntryData(entry));
-    if (LITE_HASH_RemoveNodeByKey(mque->hash, key) == nullptr) {
-        QOV_AUTOSYNC_QovLog(1, "%s failed to remove HashNode!", mque->name);
-        return 1;
-    }
-    return 0;
 }
 
 }  // extern "C"

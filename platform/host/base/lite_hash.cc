@@ -354,7 +354,7 @@ bool Grow(LITE_HASH_S *h) {
 
 // Empties slot i and shifts the rest of its probe run back, so that every
 // element stays reachable from its home without tombstones.
-void Vacate(LITE_HASH_S *h, uint32_t i) {
+inline void Vacate(LITE_HASH_S *h, uint32_t i) {
     ElemHdr *hdr = HdrOf(h->slots[i].node.data);
     hdr->linked = 0;
     h->bucketCnt[BucketOf(h, hdr->hash)]--;
