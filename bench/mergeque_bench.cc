@@ -3,8 +3,9 @@
 // key to a std::list iterator, records in the list. Ends with a table of the
 // ratios baseline/queue per operation and key count. The merge runs also show
 // heap_growth_B, the heap taken during the timed merges (0: no allocation).
-// Then instructions per merge, per append and per read at 1 k keys, queue and
-// baseline, counted by callgrind (--qov-count-only prints just these).
+// Then instructions and allocations per merge, per append and per read at
+// 1 k keys, queue and baseline, counted by callgrind (--qov-count-only prints
+// just these).
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 #include <sys/epoll.h>
@@ -315,37 +316,70 @@ int CountChild(std::string op) {
     return 0;
 }
 
-// Runs this program under callgrind for op; the collected instruction count
-// per operation, or a negative value when valgrind is not at hand.
-double CountedInstructions(const char *self, const char *op, const char *fn) {
+struct Counted {
+    double instructions = -1;  // per operation; negative when valgrind is not at hand
+    double allocations = 0;    // calls of the malloc family per operation
+};
+
+// The name a compressed callgrind name line defines, or looks up: "(id) name"
+// or "(id)".
+const std::string &CallgrindName(std::map<std::string, std::string> &names, const std::string &rest) {
+    size_t close = rest.find(')');
+    std::string id = rest.substr(0, close + 1);
+    if (close != std::string::npos && close + 2 < rest.size()) names[id] = rest.substr(close + 2);
+    return names[id];
+}
+
+// Runs this program under callgrind for op and reads back the collected
+// instructions and the calls made to the malloc family, per operation.
+Counted CountOp(const char *self, const std::string &op, const char *fn) {
     std::string out = "/tmp/qov_mq_callgrind." + std::to_string(getpid()) + "." + op;
     std::string cmd = std::string("valgrind --tool=callgrind '--toggle-collect=*") + fn + "*'" +
                       " --callgrind-out-file=" + out + " " + self + " --qov-count=" + op + " >/dev/null 2>&1";
-    if (std::system(cmd.c_str()) != 0) return -1;
+    Counted c;
+    if (std::system(cmd.c_str()) != 0) return c;
     FILE *f = std::fopen(out.c_str(), "r");
-    if (f == nullptr) return -1;
-    double total = -1;
-    char line[512];
-    while (std::fgets(line, sizeof line, f) != nullptr) {
+    if (f == nullptr) return c;
+    std::map<std::string, std::string> names;
+    bool callsAlloc = false;
+    unsigned long long allocs = 0;
+    char buf[4096];
+    while (std::fgets(buf, sizeof buf, f) != nullptr) {
+        std::string line(buf);
+        while (!line.empty() && line.back() == '\n') line.pop_back();
         unsigned long long n = 0;
-        if (std::sscanf(line, "totals: %llu", &n) == 1 || std::sscanf(line, "summary: %llu", &n) == 1) total = n;
+        if (line.rfind("cfn=", 0) == 0) {
+            const std::string &name = CallgrindName(names, line.substr(4));
+            callsAlloc = name == "malloc" || name == "calloc" || name == "realloc" || name == "aligned_alloc" ||
+                         name == "memalign" || name == "posix_memalign";
+        } else if (line.rfind("fn=", 0) == 0) {
+            CallgrindName(names, line.substr(3));
+        } else if (std::sscanf(line.c_str(), "calls=%llu", &n) == 1) {
+            if (callsAlloc) allocs += n;
+            callsAlloc = false;
+        } else if (std::sscanf(line.c_str(), "totals: %llu", &n) == 1 ||
+                   std::sscanf(line.c_str(), "summary: %llu", &n) == 1) {
+            c.instructions = static_cast<double>(n) / kCountOps;
+        }
     }
     std::fclose(f);
     std::remove(out.c_str());
-    return total < 0 ? -1 : total / kCountOps;
+    c.allocations = static_cast<double>(allocs) / kCountOps;
+    return c;
 }
 
-void PrintInstructionCounts(const char *self) {
-    std::printf("\nInstructions per operation at %zu keys (callgrind, %zu operations):\n%-8s %10s %10s\n", kCountKeys,
-                kCountOps, "op", "queue", "baseline");
+void PrintCounts(const char *self) {
+    std::printf("\nPer operation at %zu keys (callgrind, %zu operations):\n%-8s %12s %12s %12s %12s\n", kCountKeys,
+                kCountOps, "op", "queue instr", "base instr", "queue alloc", "base alloc");
     for (const auto &[op, fn] : {std::pair{"merge", "QovCountMerges"}, std::pair{"append", "QovCountAppends"},
                                  std::pair{"read", "QovCountReads"}}) {
-        double q = CountedInstructions(self, op, fn);
-        double b = CountedInstructions(self, (std::string(op) + "-baseline").c_str(), fn);
-        if (q < 0 || b < 0) {
+        Counted q = CountOp(self, op, fn);
+        Counted b = CountOp(self, std::string(op) + "-baseline", fn);
+        if (q.instructions < 0 || b.instructions < 0) {
             std::printf("%-8s (valgrind not available)\n", op);
         } else {
-            std::printf("%-8s %10.1f %10.1f\n", op, q, b);
+            std::printf("%-8s %12.1f %12.1f %12.2f %12.2f\n", op, q.instructions, b.instructions, q.allocations,
+                        b.allocations);
         }
     }
 }
@@ -366,6 +400,6 @@ int main(int argc, char **argv) {
         reporter.PrintRatios();
         benchmark::Shutdown();
     }
-    PrintInstructionCounts(argv[0]);
+    PrintCounts(argv[0]);
     return 0;
 }
