@@ -7,8 +7,10 @@
 namespace {
 
 // The merge, inline so that the write's hot path makes no call of its own.
-// Only the record's address is kept across the merge function's call (the
-// entry is found again from it), which saves a register on the hot path.
+// Only the record's address is kept across the merge function's call, and
+// the entry is found again from it: the empty asm hides where the address
+// came from, so that the compiler does not keep the entry in a second
+// register.
 template <bool kMoveToTail>
 inline void MqMerge(MergeQueCtrlBlk *mque, void *record, MergeQueEntry *entry) {
     uint8_t *queued = MqEntryData(entry);

@@ -100,9 +100,8 @@ void Backoff(uint32_t &spins) {
 }
 
 // The calling thread's identity: the address of its thread control block,
-// one instruction away on x86-64.
-// Read afresh at each use, so that no register is spent keeping it across
-// calls.
+// one instruction away on x86-64, and read afresh at each use so that no
+// register is kept for it across calls.
 inline const void *Self() {
 #if defined(__x86_64__)
     const void *tp;
