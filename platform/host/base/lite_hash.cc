@@ -5,8 +5,9 @@
 // value, so a probe rejects a non-matching slot without touching its element
 // and a match costs one memory access for the element itself. The index node
 // handed to callers sits in the element's header, beside the element, so it
-// stays valid while the element is linked whatever else changes. The home slot comes from a remix of the
-// caller's hash, since a caller's hash may vary only in a few bits. Removal
+// stays valid while the element is linked whatever else changes. The home
+// slot comes from a remix of the caller's hash, since a caller's hash may
+// vary only in a few bits. Removal
 // shifts the rest of the probe run back (no tombstones), and the slot array
 // doubles before it is 5/8 full, so probe runs stay short.
 //
@@ -14,8 +15,8 @@
 // bucket (hash modulo bucket count); a count per bucket is kept up to date so
 // the per-bucket count query costs one look-up.
 //
-// Elements sit behind a 16-byte header (index node, hash value, linked flag) and are
-// carved from slabs at a stride chosen so that an element touches no more
+// Elements sit behind a 16-byte header (index node, hash value, bucket) and
+// are carved from slabs at a stride chosen so that an element touches no more
 // cache lines than its size requires; released elements are recycled through
 // a free list, so a new element costs at most one allocation and usually
 // none.
@@ -40,7 +41,7 @@ namespace {
 struct ElemHdr {
     LITE_HASH_NODE_S node;  // node.data is the element, just behind this header
     uint32_t hash;
-    uint32_t linked;
+    uint32_t bucket1;  // the element's bucket + 1 while it is linked, 0 while not
 };
 static_assert(sizeof(ElemHdr) == 16, "elements behind the header stay 16-aligned");
 
@@ -263,7 +264,7 @@ inline uint32_t HomeOf(const LITE_HASH_S *h, uint32_t hash) { return (hash * 0x9
 
 inline ElemHdr *HdrOf(void *elem) { return static_cast<ElemHdr *>(elem) - 1; }
 
-Slot *FindAgainAfter(const LITE_HASH_S *h, void *elem);
+void *FindAgainAfter(const LITE_HASH_S *h, void *elem);
 
 // The slot holding the first element equal to key, or null.
 inline Slot *FindSlot(LITE_HASH_S *h, uint32_t hash, const void *key) {
@@ -288,12 +289,9 @@ inline Slot *NextCandidate(const LITE_HASH_S *h, uint32_t i, uint32_t hash) {
 // element (its header holds the hash) in the rare case that the compare
 // says no to an element of the same hash.
 inline void *FindElem(LITE_HASH_S *h, uint32_t hash, const void *key) {
-    Slot *s = NextCandidate(h, HomeOf(h, hash), hash);
-    for (;;) {
-        void *e = s->node.data;
+    for (void *e = NextCandidate(h, HomeOf(h, hash), hash)->node.data;; e = FindAgainAfter(h, e)) {
         if (e == nullptr) return nullptr;
         if (__builtin_expect(h->cmpFunc(e, key) != 0, 1)) return e;
-        s = FindAgainAfter(h, e);
     }
 }
 
@@ -335,8 +333,8 @@ bool Grow(LITE_HASH_S *h) {
 // element stays reachable from its home without tombstones.
 inline void Vacate(LITE_HASH_S *h, uint32_t i) {
     ElemHdr *hdr = HdrOf(h->slots[i].node.data);
-    hdr->linked = 0;
-    h->bucketCnt[BucketOf(h, hdr->hash)]--;
+    h->bucketCnt[hdr->bucket1 - 1]--;
+    hdr->bucket1 = 0;
     h->count--;
     for (uint32_t j = i;;) {
         j = (j + 1) & h->mask;
@@ -361,10 +359,12 @@ Slot *SlotOfElem(const LITE_HASH_S *h, void *elem) {
 }
 
 // Where a find goes on after a linked element of the key's hash compared
-// unequal: the next candidate behind that element's slot.
-__attribute__((noinline)) Slot *FindAgainAfter(const LITE_HASH_S *h, void *elem) {
+// unequal: the element of the next candidate behind that element's slot, or
+// null at the end of the probe run.
+__attribute__((noinline)) void *FindAgainAfter(const LITE_HASH_S *h, void *elem) {
     Slot *s = SlotOfElem(h, elem);
-    return NextCandidate(h, (static_cast<uint32_t>(s - h->slots) + 1) & h->mask, HdrOf(elem)->hash);
+    if (s == nullptr) return nullptr;  // not while the lock is held, unless a compare changed the table
+    return NextCandidate(h, (static_cast<uint32_t>(s - h->slots) + 1) & h->mask, HdrOf(elem)->hash)->node.data;
 }
 
 bool GrowSlab(LITE_HASH_S *h) {
@@ -462,7 +462,7 @@ QOV_PLAT_API void *LITE_HASH_NewData(LITE_HASH_S *hash, uint32_t flags) {
     void *e = WithLock(hash->lock, true, [hash] { return TakeElem(hash); });
     if (e != nullptr) {
         HdrOf(e)->node.data = e;
-        HdrOf(e)->linked = 0;
+        HdrOf(e)->bucket1 = 0;
     }
     return e;
 }
@@ -472,7 +472,7 @@ QOV_PLAT_API void *LITE_HASH_NewData(LITE_HASH_S *hash, uint32_t flags) {
 QOV_PLAT_API void LITE_HASH_FreeData(LITE_HASH_S *hash, void *element) {
     if (hash == nullptr || element == nullptr) return;
     WithLock(hash->lock, true, [hash, element] {
-        if (HdrOf(element)->linked != 0) {
+        if (HdrOf(element)->bucket1 != 0) {
             if (Slot *s = SlotOfElem(hash, element); s != nullptr) Vacate(hash, static_cast<uint32_t>(s - hash->slots));
         }
         std::memcpy(element, &hash->freeList, sizeof(void *));
@@ -489,7 +489,7 @@ QOV_PLAT_API uint32_t LITE_HASH_AddNode(LITE_HASH_S *hash, const void *key, void
     if (qovhost::Fail("LITE_HASH_AddNode", &r)) return r == 0 ? 1u : static_cast<uint32_t>(r);
     if (hash == nullptr || key == nullptr || element == nullptr) return 1;
     ElemHdr *hdr = HdrOf(element);
-    if (hdr->linked != 0) return 1;
+    if (hdr->bucket1 != 0) return 1;
     // The element is the caller's until it is linked, so its header is
     // written before the lock is taken.
     hdr->hash = hash->hashFunc(key);
@@ -498,9 +498,10 @@ QOV_PLAT_API uint32_t LITE_HASH_AddNode(LITE_HASH_S *hash, const void *key, void
         // free slot for elements added without a fresh NewData.
         if (static_cast<uint32_t>(hash->count) + 1 > hash->mask - hash->mask / 8 && !Grow(hash)) return 1;
         uint32_t hv = hdr->hash;
-        hdr->linked = 1;
+        uint32_t bucket = BucketOf(hash, hv);
+        hdr->bucket1 = bucket + 1;  // bucket < bucketNum <= UINT32_MAX
         Place(hash->slots, hash->mask, HomeOf(hash, hv), hdr->node.data, hv);
-        hash->bucketCnt[BucketOf(hash, hv)]++;
+        hash->bucketCnt[bucket]++;
         hash->count++;
         return 0;
     });
