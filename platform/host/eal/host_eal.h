@@ -67,6 +67,7 @@ private:
 };
 
 struct EalInstance;
+struct Recorder;  // recorder.cc
 
 // One TCP connection over loopback that carries frames: a channel to its
 // broker, or a sync group's link to its peer. The socket and the reconnect
@@ -153,6 +154,7 @@ struct EalInstance {
     bool rsvPortSet = false;
     EalChannel chan[kChanNum];
     EalSyncGrp syncGrp[kSyncGrpMax];
+    std::atomic<Recorder *> recorder{nullptr};  // made at the first recording, freed with the instance
 };
 
 // The instance behind eal when it is live, else null.
@@ -172,6 +174,12 @@ void LinkClose(Link &l);
 // did not take it in time (the link is then dropped).
 uint32_t LinkSend(Link &l, const uint8_t *frame, size_t len);
 uint32_t LinkPress(Link &l, bool press);
+
+// Writes a delivered frame into the instance's recording, if one runs; called
+// once per frame by the delivering thread, before the receive function.
+void RecordFrame(const Link &l, uint32_t msgId, const uint8_t *body, uint32_t len);
+// Ends a recording still running and frees the recorder; threads joined.
+void RecorderFree(EalInstance &e);
 
 // The current body bound of frames.
 uint32_t FrameMax();

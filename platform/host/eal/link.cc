@@ -87,6 +87,7 @@ bool DeliverSync(EalSyncGrp &g, std::span<uint8_t> body) {
 bool Deliver(Link &l) {
     ++l.framesIn;
     std::span<uint8_t> body(l.buf.get() + QOV_HOST_FRAME_HDR_LEN, l.msgLen);
+    RecordFrame(l, l.msgId, body.data(), l.msgLen);
     if (l.kind == Link::Kind::kSync) return DeliverSync(l.eal->syncGrp[l.index], body);
     QovHostIpcMsg msg{body.data(), l.msgId, l.msgLen};
     uint32_t ret = 0;
