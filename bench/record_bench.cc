@@ -45,7 +45,7 @@ void BM_RecordFrame(benchmark::State &state) {
         timespec ts{};
         clock_gettime(CLOCK_REALTIME, &ts);
         std::lock_guard<std::mutex> lk(mu);
-        if (out.Write(QOV_HOST_RECORD_CHAN, 0, 0x51000001u, body.data(), len, ts) !=
+        if (out.Write({QOV_HOST_RECORD_CHAN, 0}, 0x51000001u, body, ts) !=
             qovhost::CaptureWriter::Result::kWritten) {
             state.PauseTiming();
             out.Open(path.c_str(), 256u << 20, err, sizeof err);

@@ -13,7 +13,7 @@ fi
 rm -rf "$work" && mkdir -p "$work" && cd "$work"
 ts() { tshark -X "lua_script:$lua" "$@" 2> tshark.err; }
 
-"$demo" --keys 2000 --duration 500 --flood 200 --rate 2000 --record rec.pcap --log demo.log > demo.out
+"$demo" --keys 1000 --duration 300 --flood 0 --rate 2000 --record rec.pcap --log demo.log > demo.out
 msgs=$(sed -n 's/^messages received *\([0-9]*\) in.*/\1/p' demo.out)
 entries=$(sed -n 's/^entries received *\([0-9]*\)$/\1/p' demo.out)
 

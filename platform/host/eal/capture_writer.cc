@@ -42,21 +42,22 @@ bool CaptureWriter::Open(const char *path, uint64_t maxBytes, char *err, size_t 
     return true;
 }
 
-CaptureWriter::Result CaptureWriter::Write(uint8_t linkKind, uint32_t index, uint32_t msgId, const uint8_t *body,
-                                           uint32_t len, const timespec &ts) {
+CaptureWriter::Result CaptureWriter::Write(CaptureSource src, uint32_t msgId, std::span<const uint8_t> body,
+                                           const timespec &ts) {
     if (out_ == nullptr) return Result::kError;
     constexpr uint32_t kHead = QOV_HOST_RECORD_PSEUDO_LEN + QOV_HOST_FRAME_HDR_LEN;
+    const auto len = static_cast<uint32_t>(body.size());  // within the frame bound
     uint64_t whole = kHead + static_cast<uint64_t>(len);
     uint32_t caplen = whole < QOV_HOST_RECORD_SNAPLEN ? static_cast<uint32_t>(whole) : QOV_HOST_RECORD_SNAPLEN;
     if (maxBytes_ < bytes_ || maxBytes_ - bytes_ < kRecHdrLen + caplen) return Result::kFull;
     uint8_t *r = rec_.get();
     r[0] = QOV_HOST_RECORD_VERSION;
-    r[1] = linkKind;
+    r[1] = src.kind;
     r[2] = QOV_HOST_RECORD_IN;
     r[3] = 0;
-    QovHostPutU32(r + 4, index);
+    QovHostPutU32(r + 4, src.index);
     QovHostFrameHdrEncode(r + QOV_HOST_RECORD_PSEUDO_LEN, msgId, len);
-    if (caplen > kHead) std::memcpy(r + kHead, body, caplen - kHead);
+    if (caplen > kHead) std::memcpy(r + kHead, body.data(), caplen - kHead);
     pcap_pkthdr h{};
     h.ts.tv_sec = ts.tv_sec;
     h.ts.tv_usec = static_cast<suseconds_t>(ts.tv_nsec / 1000);

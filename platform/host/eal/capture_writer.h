@@ -12,8 +12,16 @@
 #include <cstdint>
 #include <cstdio>
 #include <memory>
+#include <span>
 
 namespace qovhost {
+
+// Where a frame came in: QOV_HOST_RECORD_CHAN and the channel index, or
+// QOV_HOST_RECORD_SYNC and the sync group id.
+struct CaptureSource {
+    uint8_t kind;
+    uint32_t index;
+};
 
 class CaptureWriter {
 public:
@@ -32,8 +40,7 @@ public:
     // Appends one frame. kFull when it would take the file past its bound and
     // kError when the file cannot be written: nothing more is appended then,
     // and the file holds every frame written before.
-    Result Write(uint8_t linkKind, uint32_t index, uint32_t msgId, const uint8_t *body, uint32_t len,
-                 const timespec &ts);
+    Result Write(CaptureSource src, uint32_t msgId, std::span<const uint8_t> body, const timespec &ts);
 
     // Flushes and closes; false when the file could not be written out.
     bool Close();

@@ -62,7 +62,7 @@ void RecordFrame(const Link &l, uint32_t msgId, const uint8_t *body, uint32_t le
     std::lock_guard<std::mutex> lk(r->mu);
     if (!r->out.IsOpen()) return;
     uint8_t kind = l.kind == Link::Kind::kChan ? QOV_HOST_RECORD_CHAN : QOV_HOST_RECORD_SYNC;
-    CaptureWriter::Result res = r->out.Write(kind, l.index, msgId, body, len, ts);
+    CaptureWriter::Result res = r->out.Write({kind, l.index}, msgId, {body, len}, ts);
     if (res == CaptureWriter::Result::kFull) End(*l.eal, *r, true, "stopped at its bound, file");
     else if (res == CaptureWriter::Result::kError) End(*l.eal, *r, true, "stopped by a write error, file");
 }
