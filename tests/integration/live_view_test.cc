@@ -13,7 +13,6 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
-#include <ostream>
 #include <regex>
 #include <set>
 #include <string>
@@ -299,8 +298,6 @@ struct HostileRow {
     const char *line;    // the endpoint's log line
 };
 
-void PrintTo(const HostileRow &r, std::ostream *os) { *os << r.name; }
-
 class Hostile : public LiveView, public ::testing::WithParamInterface<HostileRow> {};
 
 TEST_P(Hostile, OneLineAndOthersStillServed) {
@@ -350,7 +347,7 @@ INSTANTIATE_TEST_SUITE_P(
         HostileRow{"slow_reader", "metrics\n", 2500, HostileRow::kNoRead, "", "client timed out reading its answer"},
         HostileRow{"gone_mid_reply", "metrics\n", 2500, HostileRow::kReadSomeThenClose, "",
                    "client went away after"}),
-    [](const ::testing::TestParamInfo<HostileRow> &i) { return std::string(i.param.name); });
+    qovtest::RowName());
 
 TEST_F(LiveView, OpenRefusesWhatItCannotServe) {
     std::string longPath = dir_ + "/" + std::string(120, 'p');
