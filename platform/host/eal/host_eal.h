@@ -68,6 +68,7 @@ private:
 
 struct EalInstance;
 struct Recorder;  // recorder.cc
+struct CtlEndpoint;
 
 // One TCP connection over loopback that carries frames: a channel to its
 // broker, or a sync group's link to its peer. The socket and the reconnect
@@ -102,10 +103,20 @@ struct Link {
     std::atomic<uint32_t> connects{0};
     std::atomic<uint64_t> framesIn{0};
     std::atomic<uint64_t> framesRefused{0};
-    std::atomic<uint64_t> framesBad{0};
+    std::atomic<uint64_t> framesBad{0};       // bad headers, malformed sync bodies
+    std::atomic<uint64_t> badMagic{0};        // headers with a wrong magic
+    std::atomic<uint64_t> overBound{0};       // headers announcing a body over the bound
+    std::atomic<uint64_t> unclaimed{0};       // frames read with no receive function set
+    std::atomic<uint64_t> bytesIn{0};         // bytes of the frames read, headers included
     std::atomic<uint64_t> sent{0};
     std::atomic<uint32_t> presses{0};
     std::atomic<uint32_t> releases{0};
+
+    // Adds to a counter that only the serving thread writes: no locked
+    // read-modify-write on the frame path, readers still see whole values.
+    static void Bump(std::atomic<uint64_t> &c, uint64_t n) {
+        c.store(c.load(std::memory_order_relaxed) + n, std::memory_order_relaxed);
+    }
 
     void Init(Kind k, uint32_t i, EalInstance *e) {
         kind = k;
@@ -155,6 +166,7 @@ struct EalInstance {
     EalChannel chan[kChanNum];
     EalSyncGrp syncGrp[kSyncGrpMax];
     std::atomic<Recorder *> recorder{nullptr};  // made at the first recording, freed with the instance
+    CtlEndpoint *ctl = nullptr;  // the control endpoint, under its own lock
 };
 
 // The instance behind eal when it is live, else null.
@@ -180,6 +192,8 @@ uint32_t LinkPress(Link &l, bool press);
 void RecordFrame(const Link &l, uint32_t msgId, const uint8_t *body, uint32_t len);
 // Ends a recording still running and frees the recorder; threads joined.
 void RecorderFree(EalInstance &e);
+// Closes the instance's control endpoint, if open; before its threads stop.
+void CtlShut(EalInstance &e);
 
 // The current body bound of frames.
 uint32_t FrameMax();
