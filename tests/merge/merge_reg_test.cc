@@ -13,7 +13,7 @@ TEST_F(MergeTest, OnlyFesValid) {
     ASOrchMergePara dam = DamPara();
     dam.hashFunc = nullptr;
     ASSERT_EQ(Reg(dam, FesPara()), 0u);
-    const auto *recs = ASOrchMergeRecs(hdl_);
+    const auto *recs = hdl_->mergeHandle;
     EXPECT_EQ(recs[0].mergeQue, nullptr);
     EXPECT_EQ(recs[0].dispatchHash, nullptr);
     EXPECT_EQ(recs[0].hashSize, 0u);

@@ -44,7 +44,7 @@ class BucketTest : public ::testing::TestWithParam<BucketCase> {};
 
 TEST_P(BucketTest, KnownValues) {
     const BucketCase &c = GetParam();
-    ASOrchMergeRec recs[2] = {{0, nullptr, c.buckets, nullptr}, {0, nullptr, 5, nullptr}};
+    ASOrchMergeRec recs[2] = {{0, nullptr, c.buckets, nullptr, 0}, {0, nullptr, 5, nullptr, 0}};
     ASOrchHandle hdl{};
     hdl.mergeHandle = recs;
     std::vector<uint8_t> buf(c.key.size() + 1);  // key at an odd address
