@@ -46,7 +46,9 @@ uint32_t ApplyWater(ASOrchHandle *hdl, ASOrchPath path, const WaterAction &act, 
 // The queue's monitor callback; its user word is the handle. The event type
 // is logged at level 1 and an unknown one at level 0: the system's own
 // levels for these lines, kept as they are.
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): as the queue's monitor callback passes them
 uint32_t MonitorProc(uint32_t evtType, uint64_t usrData, ASOrchPath path) {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): the queue's monitor hands back the handle as a 64-bit user word
     auto *hdl = reinterpret_cast<ASOrchHandle *>(usrData);
     const uint32_t chanId = ASPathIndex(path);
     if (hdl == nullptr) {

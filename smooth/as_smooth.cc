@@ -53,6 +53,7 @@ int32_t ASOrchSmoothMsgProc(ASOrchHandle *hdl, std::span<const uint8_t> tlv, con
 
 }  // namespace
 
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): two results, named at every call
 void ASOrchTransTblSmoothGetTlvAndBatchType(uint32_t first, uint32_t *type, uint32_t *batchType) {
     *type = first;
     *batchType = AS_SMOOTH_BATCH_NONE;
