@@ -141,7 +141,7 @@ INSTANTIATE_TEST_SUITE_P(
         LayoutCase{"DamType2OneEntry", DamOf(2, 50), "tbl @24 n=1 size=50 v=2 param=50 type=2"},
         LayoutCase{"DamType18Empty", DamOf(18, 0), "tbl @24 n=1 size=0 v=2 param=50 type=18"},
         LayoutCase{"FesType19", qovtest::TableTlv(kFes, 19, qovtest::kPathFes, 1, 9, 1), "tbl @24 n=1 size=9 v=2 param=70 type=19"}),
-    [](const auto &p) { return std::string(p.param.name); });
+    qovtest::RowName());
 
 TEST_F(TransTest, TotalLengthBoundsTheWalkAndFailuresDoNotStopIt) {
     Register(false, false);
@@ -222,8 +222,8 @@ TEST_P(SmoothRunTest, CallbacksAndEntriesSeeTheClassRecords) {
     for (const QovHostCall &call : EntryCalls()) {
         EXPECT_EQ(Bytes(call.rec, call.rec + call.recLen), ClassRec(run, offs[k++], call.recLen)) << call.op;
         if (std::strcmp(call.op, "QOV_ENTRY_ProcVrfStateEnd") == 0) {
-            EXPECT_EQ(call.arg[1], reinterpret_cast<uintptr_t>(hdl_->memAlloc));
-            EXPECT_EQ(call.arg[2], reinterpret_cast<uintptr_t>(hdl_->memFree));
+            EXPECT_EQ(call.arg[1], reinterpret_cast<uintptr_t>(&TrackAlloc));
+            EXPECT_EQ(call.arg[2], reinterpret_cast<uintptr_t>(&TrackFree));
         }
     }
     if (c.firstAfter != 0) {
@@ -271,7 +271,7 @@ INSTANTIATE_TEST_SUITE_P(
         SmoothCase{"EmptyValue", false, true, kDam, {Smooth(7, kDam)}, 0, kNone, kNone, "", 0, 0},
         SmoothCase{"ValueShorterThanHeadUntouched", false, true, kTyped, {{195, kTyped, {1, 2, 3, 4}, {}}}, 11, kNone,
                    kNone, "orchI, smooth tlv head cut short. remaining = 11", 0, 0}),
-    [](const auto &p) { return std::string(p.param.name); });
+    qovtest::RowName());
 
 TEST(SmoothRemapTest, FirstTypesOfBatchRunsMapToTheirClassAndBatch) {
     // {first type, dispatched as, batch type}; the neighbours and unused rows stay as they are with batch 3.
