@@ -213,7 +213,7 @@ std::string Screen(const Endpoint &ep, const TopOpts &o, const Snap *p, const Sn
     std::snprintf(b, sizeof b, "qovctl top  %s  %s  every %.1f s\n\n", ep.sock.c_str(), when, o.intervalMs / 1e3);
     s += b;
     std::snprintf(b, sizeof b, "%-16s %8s %8s %13s %9s %9s %9s %5s %7s %8s %8s\n", "QUEUE", "DEPTH", "PEAK", "HIGH/LOW",
-                  "IN/s", "MERGED/s", "OUT/s", "OVER", "PRESSES", "LAT p50", "LAT p99");
+                  "IN/s", "MERGED/s", "OUT/s", "OVER", "CROSSED", "LAT p50", "LAT p99");
     s += b;
     for (const std::string &q : cur.Values({"qov_queue_depth", "queue", ""})) {
         auto m = [&](const char *name) { return Series{name, "queue", q}; };
@@ -225,12 +225,12 @@ std::string Screen(const Endpoint &ep, const TopOpts &o, const Snap *p, const Sn
                       Rate(p, cur, {m("qov_queue_appends_total"), m("qov_queue_merges_total")}).c_str(),
                       Rate(p, cur, {m("qov_queue_merges_total")}).c_str(),
                       Rate(p, cur, {m("qov_queue_reads_total")}).c_str(),
-                      cur.Get(m("qov_queue_overload")) != 0 ? "yes" : "no", cur.Get(m("qov_queue_backpress_total")),
+                      cur.Get(m("qov_queue_overload")) != 0 ? "yes" : "no", cur.Get(m("qov_queue_over_high_water_total")),
                       Latency(p, cur, q, 0.5).c_str(), Latency(p, cur, q, 0.99).c_str());
         s += b;
     }
-    std::snprintf(b, sizeof b, "\n%-4s %-20s %-5s %-7s %10s %8s %8s %10s\n", "CHAN", "NAME", "STATE", "PRESSED",
-                  "FRAMES/s", "MB/s", "DROPPED", "RECONNECTS");
+    std::snprintf(b, sizeof b, "\n%-4s %-20s %-5s %-7s %7s %10s %8s %8s %10s\n", "CHAN", "NAME", "STATE", "PRESSED",
+                  "PRESSES", "FRAMES/s", "MB/s", "DROPPED", "RECONNECTS");
     s += b;
     for (const std::string &c : cur.Values({"qov_chan_up", "chan", ""})) {
         auto m = [&](const char *name) { return Series{name, "chan", c}; };
@@ -242,8 +242,9 @@ std::string Screen(const Endpoint &ep, const TopOpts &o, const Snap *p, const Sn
             if (x.name == "qov_chan_frames_dropped_total") dropped += x.value;
             if (x.name == "qov_chan_up" && x.labels.count("name") != 0) name = x.labels.at("name");
         }
-        std::snprintf(b, sizeof b, "%-4s %-20s %-5s %-7s %10s %8s %8.0f %10.0f\n", c.c_str(), name.c_str(),
+        std::snprintf(b, sizeof b, "%-4s %-20s %-5s %-7s %7.0f %10s %8s %8.0f %10.0f\n", c.c_str(), name.c_str(),
                       cur.Get(m("qov_chan_up")) != 0 ? "up" : "down", cur.Get(m("qov_chan_pressed")) != 0 ? "yes" : "no",
+                      cur.Get(m("qov_chan_presses_total")),
                       Rate(p, cur, {m("qov_chan_frames_in_total")}).c_str(),
                       Rate(p, cur, {m("qov_chan_bytes_in_total")}, "%.2f", 1e6).c_str(), dropped,
                       cur.Get(m("qov_chan_reconnects_total")));

@@ -592,7 +592,9 @@ void Serve(CtlEndpoint *c) {
         }
         if ((pfd[0].revents & POLLIN) != 0) Drain(c->wakeFd);
         if ((pfd[1].revents & POLLIN) != 0) Accept(*c, clients);
-        for (size_t i = 0; i < clients.size(); ++i) Step(*c, clients[i], pfd[i + 2].revents);
+        // Clients accepted just now were not polled: their turn comes next round.
+        for (size_t i = 0; i < clients.size(); ++i)
+            Step(*c, clients[i], i + 2 < pfd.size() ? pfd[i + 2].revents : static_cast<short>(0));
         std::erase_if(clients, [](const Client &cl) {
             if (cl.phase != Client::Phase::kDone) return false;
             close(cl.fd);
