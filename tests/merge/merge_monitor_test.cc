@@ -10,6 +10,7 @@ using qovtest::HasLine;
 constexpr char kAdvice[] = "orchM, mb mque high water. suggest config syncGrp sync thread";
 
 struct Case {
+    const char *name;
     uint32_t isMb, path, threadMask;
     bool syncGrp;  // register the sync groups (kind 0 gets id 0)
     bool destroy;  // destroy the handle while over high water instead of reading
@@ -42,7 +43,7 @@ TEST_P(MonitorTest, OverloadPressesSourceAndDrainReleasesIt) {
     const char *release = c.isMb ? "QOV_CHAN_UnBackPress" : "QOV_EAL_SyncUnBackPress";
     // The channel handle, or (eal, group id 0).
     auto target = [&](const QovHostCall &call) { return c.isMb ? call.arg[0] : call.arg[1]; };
-    uint64_t want = c.isMb ? reinterpret_cast<uint64_t>(QOV_EAL_GetChannelHdl(hdl_->ealHdl, c.path)) : 0;
+    uint64_t want = c.isMb ? reinterpret_cast<uint64_t>(QOV_EAL_GetChannelHdl(ASOrchGetEalHdl(hdl_), c.path)) : 0;
 
     for (int i = 0; i < 5; ++i) ASSERT_EQ(Put(c.path, 100, 0, std::to_string(i)), 0u);
     EXPECT_TRUE(HasLine("Orch autosync MQUE monitor : 0, channelId " + std::to_string(c.path) + "."));
@@ -71,9 +72,13 @@ TEST_P(MonitorTest, OverloadPressesSourceAndDrainReleasesIt) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Roles, MonitorTest,
-                         ::testing::Values(Case{1, 0, 1, false, false}, Case{1, 1, 1, false, false},
-                                           Case{1, 0, 3, false, false}, Case{0, 0, 1, true, false},
-                                           Case{0, 1, 3, true, false}, Case{0, 0, 1, false, false},
-                                           Case{1, 1, 3, false, true}, Case{0, 0, 1, true, true}));
+                         ::testing::Values(Case{"MbDam", 1, 0, 1, false, false}, Case{"MbFes", 1, 1, 1, false, false},
+                                           Case{"MbDamWithSyncThread", 1, 0, 3, false, false},
+                                           Case{"GroupDam", 0, 0, 1, true, false},
+                                           Case{"GroupFesWithSyncThread", 0, 1, 3, true, false},
+                                           Case{"NoGroup", 0, 0, 1, false, false},
+                                           Case{"MbDestroyedWhilePressed", 1, 1, 3, false, true},
+                                           Case{"GroupDestroyedWhilePressed", 0, 0, 1, true, true}),
+                         qovtest::RowName());
 
 }  // namespace

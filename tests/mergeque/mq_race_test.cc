@@ -93,7 +93,7 @@ void Nothing(MqTest &) {}
 // of the queue's descriptor may be left in the epoll set.
 void DestroyWhileInside(MqTest &t) {
     for (int i = 0; i < 2000 && !g_inside; ++i) std::this_thread::sleep_for(std::chrono::microseconds(500));
-    int32_t fd = t.q_->reader.eventFd;
+    auto fd = static_cast<int32_t>(qovtest::Calls("QOV_EPOLL_Add").back().arg[1]);
     Destroy(t);
     EXPECT_NE(QOV_EPOLL_DEL(t.epFd_, fd), 0u) << "a registration outlived its queue";
 }
@@ -150,7 +150,7 @@ INSTANTIATE_TEST_SUITE_P(
                                RunReader},
                       RaceCase{"DestroyWhileReaderPressesAndReleases", CreatePressReleasing, DestroyWhileInside,
                                RunReader}),
-    [](const auto &p) { return std::string(p.param.name); });
+    qovtest::RowName());
 
 }  // namespace
 }  // namespace mqtest
