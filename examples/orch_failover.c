@@ -126,6 +126,7 @@ static pid_t Spawn(const char *prog, char *const args[]) {
 }
 
 /* Waits for pid up to ms; its wait status, or -1 on time-out. */
+/* NOLINTNEXTLINE(bugprone-easily-swappable-parameters): a child and its time-out, a pid is never a time */
 static int WaitFor(pid_t pid, uint64_t ms) {
     for (uint64_t waited = 0;; waited += 10) {
         int st = 0;
@@ -164,25 +165,31 @@ static const char *Path(const char *file) {
     return s;
 }
 
-/* Starts a node; role "active" or "standby". */
-static pid_t Node(const char *name, const char *role, uint16_t broker, uint16_t listen, uint16_t peer,
-                  uint64_t handlerNs, const char *fault, uint64_t crashRows) {
+/* A node to start: name (its files), role, and its ports. */
+typedef struct NodeSpec {
+    const char *name, *role; /* "active" or "standby" */
+    uint16_t broker, listen, peer; /* listen: its sync listener once active; peer: the active one's */
+    uint64_t handlerNs, crashRows;
+    const char *fault;
+} NodeSpec;
+
+static pid_t Node(NodeSpec n) {
     char table[32], log[32], lis[64], per[64];
-    snprintf(table, sizeof(table), "%s.tbl", name);
-    snprintf(log, sizeof(log), "%s.log", name);
-    snprintf(lis, sizeof(lis), "%s:%u", g_o.syncAddr, listen);
-    snprintf(per, sizeof(per), "%s:%u", g_o.syncAddr, peer);
+    snprintf(table, sizeof(table), "%s.tbl", n.name);
+    snprintf(log, sizeof(log), "%s.log", n.name);
+    snprintf(lis, sizeof(lis), "%s:%u", g_o.syncAddr, n.listen);
+    snprintf(per, sizeof(per), "%s:%u", g_o.syncAddr, n.peer);
     char *args[40];
-    int n = 0;
-    const char *fixed[] = {"--name", name, "--role", role, "--table", Path(table), "--log", Path(log), "--keys",
-                           Num(g_o.keys), "--handler-ns", Num(handlerNs), "--high", Num(g_o.high), "--low",
-                           Num(g_o.low), "--broker", Num(broker), "--listen", lis};
-    for (size_t i = 0; i < sizeof(fixed) / sizeof(fixed[0]); ++i) args[n++] = (char *)fixed[i];
-    if (peer != 0) args[n++] = "--peer", args[n++] = per;
-    if (crashRows != 0) args[n++] = "--crash-in-resync", args[n++] = (char *)Num(crashRows);
-    if (fault != NULL && strcmp(fault, "skip-sweep") == 0) args[n++] = "--skip-sweep";
-    if (fault != NULL && strcmp(fault, "drop-sync-frame") == 0) args[n++] = "--drop-sync-frame", args[n++] = "300";
-    args[n] = NULL;
+    int k = 0;
+    const char *fixed[] = {"--name", n.name, "--role", n.role, "--table", Path(table), "--log", Path(log), "--keys",
+                           Num(g_o.keys), "--handler-ns", Num(n.handlerNs), "--high", Num(g_o.high), "--low",
+                           Num(g_o.low), "--broker", Num(n.broker), "--listen", lis};
+    for (size_t i = 0; i < sizeof(fixed) / sizeof(fixed[0]); ++i) args[k++] = (char *)fixed[i];
+    if (n.peer != 0) args[k++] = "--peer", args[k++] = per;
+    if (n.crashRows != 0) args[k++] = "--crash-in-resync", args[k++] = (char *)Num(n.crashRows);
+    if (n.fault != NULL && strcmp(n.fault, "skip-sweep") == 0) args[k++] = "--skip-sweep";
+    if (n.fault != NULL && strcmp(n.fault, "drop-sync-frame") == 0) args[k++] = "--drop-sync-frame", args[k++] = "300";
+    args[k] = NULL;
     return Spawn("orch_node", args);
 }
 
@@ -268,7 +275,7 @@ static int Ended(const char *what, int st) {
 
 static int Restart(uint16_t port, uint8_t *hadAtKill) {
     pid_t broker = Broker(port);
-    pid_t a = Node("A", "active", port, 0, 0, g_o.handlerNs, NULL, 0);
+    pid_t a = Node((NodeSpec){"A", "active", port, 0, 0, g_o.handlerNs, 0, NULL});
     Sleep(g_o.killAt);
     kill(a, SIGKILL);
     WaitFor(a, 5000);
@@ -279,7 +286,7 @@ static int Restart(uint16_t port, uint8_t *hadAtKill) {
     QovTableClose(&t);
     Sleep(g_o.down);
     if (g_o.interrupt) {
-        a = Node("A", "active", port, 0, 0, g_o.handlerNs, NULL, g_o.keys / 8 + 1);
+        a = Node((NodeSpec){"A", "active", port, 0, 0, g_o.handlerNs, g_o.keys / 8 + 1, NULL});
         int st = WaitFor(a, 20000);
         if (st == -1 || !WIFSIGNALED(st) || WTERMSIG(st) != SIGKILL) {
             printf("check: FAILED, the restarted node was not killed in its resync\n");
@@ -287,7 +294,7 @@ static int Restart(uint16_t port, uint8_t *hadAtKill) {
         }
         Say("A killed again in the middle of its resync; started once more");
     }
-    a = Node("A", "active", port, 0, 0, g_o.handlerNs, g_o.fault, 0);
+    a = Node((NodeSpec){"A", "active", port, 0, 0, g_o.handlerNs, 0, g_o.fault});
     int bad = Ended("the broker", WaitFor(broker, g_o.duration + 60000));
     bad |= Ended("node A", WaitFor(a, 30000));
     return bad;
@@ -296,14 +303,14 @@ static int Restart(uint16_t port, uint8_t *hadAtKill) {
 static int Switchover(uint16_t port) {
     uint16_t s1 = FreePorts(0), s2 = FreePorts(0);
     pid_t broker = Broker(port);
-    pid_t a = Node("A", "active", port, s1, 0, g_o.handlerNs, NULL, 0);
-    pid_t b = Node("B", "standby", port, s2, s1, g_o.handlerNs, NULL, 0);
+    pid_t a = Node((NodeSpec){"A", "active", port, s1, 0, g_o.handlerNs, 0, NULL});
+    pid_t b = Node((NodeSpec){"B", "standby", port, s2, s1, g_o.handlerNs, 0, NULL});
     Sleep(g_o.killAt);
     kill(a, SIGKILL);
     WaitFor(a, 5000);
     kill(b, SIGUSR1);
     Say("A killed at %" PRIu64 " ms; B takes over, C joins B as its standby", g_o.killAt);
-    pid_t c = Node("C", "standby", port, 0, s2, g_o.standbyNs, g_o.fault, 0);
+    pid_t c = Node((NodeSpec){"C", "standby", port, 0, s2, g_o.standbyNs, 0, g_o.fault});
     int bad = Ended("the broker", WaitFor(broker, g_o.duration + 60000));
     bad |= Ended("node B", WaitFor(b, 30000));
     kill(c, SIGTERM);

@@ -326,6 +326,7 @@ static uint32_t OnSmooth(uint32_t tableId, uint32_t type, void *rec, uint32_t re
 }
 
 /* Table handler of both tables: the rows a resync re-sends. */
+/* NOLINTNEXTLINE(bugprone-easily-swappable-parameters): the table handler type of the interface */
 static uint32_t OnRows(ASOrchHandle *hdl, void *entries, uint32_t num, uint32_t size, ASOrchTblMsgInfo *info) {
     (void)hdl;
     uint32_t path = info->tblParam;
@@ -363,7 +364,7 @@ static uint32_t OnRows(ASOrchHandle *hdl, void *entries, uint32_t num, uint32_t 
 
 /* A frame of the broker's channel of a path. */
 static uint32_t OnFrame(void *ctx, QovHostIpcMsg *msg) {
-    uint32_t path = (uint32_t)(uintptr_t)ctx;
+    uint32_t path = *(const uint32_t *)ctx;
     if (msg->msgId == QOV_WL_MSG_END) {
         atomic_store(&g.endSeen[path], 1);
         return 0;
@@ -486,7 +487,8 @@ static int BringUp(int active, Instance *in) {
     void *eal = ASOrchGetEalHdl(g.hdl);
     uint32_t rc = 0;
     if (active) {
-        for (uint32_t p = 0; p < PATHS; ++p) rc |= QovHostChanSetRecv(eal, p, OnFrame, (void *)(uintptr_t)p);
+        static const uint32_t paths[PATHS] = {0, 1}; /* each channel's context: its path */
+        for (uint32_t p = 0; p < PATHS; ++p) rc |= QovHostChanSetRecv(eal, p, OnFrame, (void *)&paths[p]);
         uint16_t port = g.o.listenPort;
         rc |= QovHostSyncListenAddr(eal, SYNC_GRP_ID, g.o.listenAddr, &port);
         char addr[INET_ADDRSTRLEN];
@@ -597,7 +599,7 @@ static void OnSignal(int sig) {
 }
 
 static void Pause(void) {
-    struct timespec t = {0, 5 * 1000 * 1000};
+    struct timespec t = {0, 5L * 1000 * 1000};
     nanosleep(&t, NULL);
 }
 

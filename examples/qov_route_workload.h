@@ -109,6 +109,7 @@ static inline uint32_t QovWlPick(QovRouteWorkload *wl, uint32_t fes) {
 }
 
 /* The entry of a key with its value; next hop and interface follow from them. */
+/* NOLINTNEXTLINE(bugprone-easily-swappable-parameters): key, value, time: the entry's own order */
 static inline void QovWlEntry(uint32_t key, uint32_t seq, uint32_t nowUs, QovRouteEntry *e) {
     QovWlPrefix(key, e->prefix);
     e->seq = seq;
@@ -242,6 +243,7 @@ static inline uint32_t QovWlResyncMark(uint8_t *body, uint32_t fes, int end) {
  * layout (FES: an 8-byte header whose second word is the rows' byte length).
  * *next goes past the last key looked at, *rows gets the rows written.
  * Returns the body length; body holds QOV_WL_RESYNC_BODY_MAX bytes. */
+/* NOLINTNEXTLINE(bugprone-easily-swappable-parameters): the cursor in and out, then what was written */
 static inline uint32_t QovWlResyncRows(uint8_t *body, const QovRouteWorkload *wl, uint32_t *next, uint32_t *rows,
                                        uint32_t nowUs) {
     uint32_t hdr = wl->fes ? 8u : 0u, n = 0, k = *next;

@@ -61,6 +61,7 @@ typedef struct QovTableFile {
 /* Maps the table of path (created with keys rows when missing or of another
  * size; with fresh set, emptied). 0 on success, with a message on stderr
  * otherwise. */
+/* NOLINTNEXTLINE(bugprone-easily-swappable-parameters): the size, then whether to empty it */
 static inline int QovTableOpen(QovTableFile *t, const char *path, uint32_t keys, int fresh) {
     size_t size = sizeof(QovTableHdr) + (size_t)keys * sizeof(QovTableRow);
     int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644);
