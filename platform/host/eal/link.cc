@@ -86,11 +86,13 @@ bool DeliverSync(EalSyncGrp &g, std::span<uint8_t> body) {
 // Hands the complete frame in l.buf to the receive function of its owner.
 bool Deliver(Link &l) {
     ++l.framesIn;
+    Link::Bump(l.bytesIn, QOV_HOST_FRAME_HDR_LEN + static_cast<uint64_t>(l.msgLen));
     std::span<uint8_t> body(l.buf.get() + QOV_HOST_FRAME_HDR_LEN, l.msgLen);
     if (l.kind == Link::Kind::kSync) return DeliverSync(l.eal->syncGrp[l.index], body);
     QovHostIpcMsg msg{body.data(), l.msgId, l.msgLen};
     uint32_t ret = 0;
-    if (l.eal->chan[l.index].recv.Call(&ret, &msg) && ret != 0) ++l.framesRefused;
+    if (!l.eal->chan[l.index].recv.Call(&ret, &msg)) Link::Bump(l.unclaimed, 1);
+    else if (ret != 0) ++l.framesRefused;
     return true;
 }
 
@@ -112,6 +114,7 @@ uint32_t OnReadable(int32_t fd, uint32_t, void *usrData) {
             int bad = QovHostFrameHdrDecode(l.buf.get(), l.bufMax, &l.msgId, &l.msgLen);
             if (bad != 0) {
                 ++l.framesBad;
+                Link::Bump(bad == 1 ? l.badMagic : l.overBound, 1);
                 if (bad == 1) Log(l, "garbage instead of a frame header, reconnecting");
                 else Log(l, "frame of %u bytes over the bound %u, reconnecting", QovHostGetU32(l.buf.get() + 8), l.bufMax);
                 Drop(l);
