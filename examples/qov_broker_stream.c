@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -159,6 +160,12 @@ int QovBrokerServe(int listenFd, const QovBrokerPara *para, QovRouteWorkload *wl
         fprintf(stderr, "broker: no orchestrator connected\n");
         return 1;
     }
+    /* Each burst goes out in one send. Without TCP_NODELAY the burst's last
+     * segment, smaller than a full one, waits until the orchestrator has
+     * acknowledged the previous data, and its delayed ACK can hold that for
+     * up to 40 ms: the paced stream's p99 latency would be the ACK timer's. */
+    int one = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
     Stream *s = malloc(sizeof(*s));
     if (s == NULL) {
         close(fd);
