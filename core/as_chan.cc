@@ -14,6 +14,7 @@ constexpr uint32_t kAllLow30 = 0x3FFFFFFFu;
 constexpr size_t kMaxSuffixLen = AS_ORCH_NAME_LEN - 1;  // instance name plus suffix fit in 31
 
 template <size_t N>
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): one row of the channel table below
 constexpr ASOrchChanPara ChanRow(uint32_t idx, const char (&suffix)[N], uint32_t w72, uint32_t threadId,
                                  uint32_t w120) {
     static_assert(N <= kMaxSuffixLen + 1);

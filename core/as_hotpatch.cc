@@ -32,6 +32,7 @@ QOV_AS_API void libqov_autosync_orch_ResPatchC2hDeactivefunc(void) {
     QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "libqov_autosync_orch reserved patch c2h deactive.");
 }
 
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): the hot-patch hook's signature is fixed by the interface
 QOV_AS_API uint32_t libqov_autosync_orch_PAT_C2HSyncHookFunc(uint32_t operCode, uint64_t value,
                                                              const ASOrchPatchInfo *info, uint32_t *handled) {
     (void)value;

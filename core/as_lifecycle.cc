@@ -79,6 +79,7 @@ QOV_AS_API int32_t ASOrchGetEpollFd(ASOrchHandle *hdl, uint32_t epollIdx) {
     return QOV_EAL_GetEpollFd(ASOrchGetEalHdl(hdl), epollIdx);
 }
 
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): exported; the signature is fixed by the interface
 QOV_AS_API uint32_t ASOrchTimerInit(ASOrchHandle *hdl, uint32_t timerWord, uint64_t timerVal0, uint64_t timerVal1,
                                     uint32_t epollIdx) {
     void *eal = ASOrchGetEalHdl(hdl);

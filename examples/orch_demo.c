@@ -163,6 +163,7 @@ static uint32_t OnRoute(ASOrchHandle *hdl, ASOrchMergeMsgVec *vec) {
     return 0;
 }
 
+/* NOLINTNEXTLINE(bugprone-easily-swappable-parameters): the table handler type of the interface */
 static uint32_t OnTransferRows(ASOrchHandle *hdl, void *entries, uint32_t num, uint32_t size, ASOrchTblMsgInfo *info) {
     (void)hdl, (void)entries, (void)info;
     if (size != sizeof(QovRouteEntry)) return 1;
@@ -489,7 +490,7 @@ int main(int argc, char **argv) {
              secDelivered = 0, secBlocked = 0, secMerged = 0;
     int drained = 0;
     for (uint64_t tick = 1; !drained && QovBrokerNowUs() - t0 < limitUs; ++tick) {
-        struct timespec pause = {0, 100 * 1000 * 1000};
+        struct timespec pause = {0, 100L * 1000 * 1000};
         nanosleep(&pause, NULL);
         uint64_t msgs = atomic_load(&g_demo.recvMsgs), entries = atomic_load(&g_demo.recvEntries);
         uint64_t delivered = atomic_load(&g_demo.delivered);
@@ -520,7 +521,7 @@ int main(int argc, char **argv) {
     /* The library's own queue reports, taken on the Data thread. */
     atomic_store(&g_demo.reportWanted, 1);
     for (int i = 0; i < 50 && !atomic_load(&g_demo.reportDone); ++i) {
-        struct timespec pause = {0, 20 * 1000 * 1000};
+        struct timespec pause = {0, 20L * 1000 * 1000};
         nanosleep(&pause, NULL);
     }
 

@@ -87,6 +87,7 @@ static inline uint32_t QovWlKeyOf(const uint8_t prefix[QOV_WL_KEY_SIZE], uint32_
     return prefix[0] == 0x20 && prefix[1] == 0x01 && key < keys ? key : UINT32_MAX;
 }
 
+/* NOLINTNEXTLINE(bugprone-easily-swappable-parameters): the workload's shape, named at its one call */
 static inline void QovWlInit(QovRouteWorkload *wl, uint32_t keys, uint64_t seed, uint32_t fes, uint32_t *seq,
                              uint8_t *lastOp) {
     memset(wl, 0, sizeof(*wl));
@@ -148,6 +149,7 @@ static inline uint32_t QovWlNext(QovRouteWorkload *wl, uint8_t *body, uint32_t *
 
 /* FNV-1a over (index, last operation, value) of every key of one path: equal
  * digests mean the receiver ended with the broker's final table of that path. */
+/* NOLINTNEXTLINE(bugprone-easily-swappable-parameters): key count and FES share, named at every call */
 static inline uint64_t QovWlDigest(uint32_t keys, uint32_t fes, const uint32_t *seq, const uint8_t *lastOp) {
     uint64_t h = 0xCBF29CE484222325ULL;
     for (uint32_t k = 0; k < keys; ++k) {

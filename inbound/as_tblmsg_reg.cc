@@ -27,6 +27,7 @@ enum class SmoothSlots { FourArg, WithType };
 
 // Fills nodes from descs and adds them; logs and returns 1 at the first key
 // already present (the nodes before it stay added).
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): count and path in the order ASOrchRegTblTrans takes them
 uint32_t AddTransNodes(ASIntHash *table, TblMsgTransNode *nodes, const ASOrchTransTblMsg *descs, uint32_t num,
                        uint32_t dataPath, SmoothSlots slots) {
     for (uint32_t i = 0; i < num; ++i) {

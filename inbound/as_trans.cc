@@ -1,5 +1,6 @@
 // Transfer messages: the walk over the TLV area, bounded by the total length
-// in the body, and the dispatch of each TLV by type.
+// in the body and by the body's own length (msgLen), and the dispatch of each
+// TLV by type.
 #include "inbound/inbound_internal.h"
 #include "qov_as_log.h"
 #include "smooth/smooth_internal.h"
@@ -9,26 +10,46 @@ namespace {
 constexpr uint32_t kTlvData = 1, kTlvDataSized = 2, kTlvComp = 18, kTlvCompAlt = 19;
 constexpr uint32_t kLowBitsMask = 0xF;
 
+// The TLV area as the walk sees it: the total length's bytes, cut at the end
+// of the body when the total claims more than the body holds.
+struct TlvArea {
+    ASByteCursor bytes;
+    bool cutByBody;  // the body ends before the total length does
+    uint32_t msgLen;
+};
+
 // The next TLV of the area, or false (logged) when its head or value runs past
-// the total length; nothing is read beyond it. A tlvLen that would wrap a
-// 32-bit offset runs past as well.
-bool TakeTlv(const ASOrchHandle *hdl, ASByteCursor *area, uint32_t index, ASOrchTransTlv *tlv) {
-    if (area->Remaining() < sizeof(ASOrchTransTlvHead)) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, trans msg tlv %u head cut short. left = %u", hdl->name, index,
-                            static_cast<uint32_t>(area->Remaining()));
+// the total length or past the body; nothing is read beyond either. A tlvLen
+// that would wrap a 32-bit offset runs past as well.
+bool TakeTlv(const ASOrchHandle *hdl, TlvArea *area, uint32_t index, ASOrchTransTlv *tlv) {
+    const auto left = static_cast<uint32_t>(area->bytes.Remaining());
+    if (left < sizeof(ASOrchTransTlvHead)) {
+        if (area->cutByBody) {
+            QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, trans msg tlv %u head runs past the body. left = %u, msgLen = %u",
+                                hdl->name, index, left, area->msgLen);
+        } else {
+            QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, trans msg tlv %u head cut short. left = %u", hdl->name, index, left);
+        }
         return false;
     }
     uint32_t tlvLen = 0;
-    area->TakeU32(&tlv->tableId);
-    area->TakeU32(&tlv->tlvType);
-    area->TakeU32(&tlvLen);
-    uint8_t *value = area->Take(tlvLen);
+    area->bytes.TakeU32(&tlv->tableId);
+    area->bytes.TakeU32(&tlv->tlvType);
+    area->bytes.TakeU32(&tlvLen);
+    uint8_t *value = area->bytes.Take(tlvLen);
     if (value == nullptr) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR,
-                            "%s, trans msg tlv %u runs past the total length. tbl = %u, tlvType = %u, tlvLen = %u, "
-                            "left = %u",
-                            hdl->name, index, tlv->tableId, tlv->tlvType, tlvLen,
-                            static_cast<uint32_t>(area->Remaining()));
+        const auto rest = static_cast<uint32_t>(area->bytes.Remaining());
+        if (area->cutByBody) {
+            QOV_AUTOSYNC_QovLog(AS_LOG_ERR,
+                                "%s, trans msg tlv %u runs past the body. tbl = %u, tlvType = %u, tlvLen = %u, "
+                                "left = %u, msgLen = %u",
+                                hdl->name, index, tlv->tableId, tlv->tlvType, tlvLen, rest, area->msgLen);
+        } else {
+            QOV_AUTOSYNC_QovLog(AS_LOG_ERR,
+                                "%s, trans msg tlv %u runs past the total length. tbl = %u, tlvType = %u, "
+                                "tlvLen = %u, left = %u",
+                                hdl->name, index, tlv->tableId, tlv->tlvType, tlvLen, rest);
+        }
         return false;
     }
     tlv->value = std::span<uint8_t>(value, tlvLen);
@@ -38,20 +59,28 @@ bool TakeTlv(const ASOrchHandle *hdl, ASByteCursor *area, uint32_t index, ASOrch
 }  // namespace
 
 uint32_t ASOrchMsgTransProc(ASOrchHandle *hdl, const ASOrchIpcMsg *msg) {
-    // The caller guarantees that the head and the TLV area behind it lie in the body.
-    auto *body = static_cast<uint8_t *>(msg->body);
-    ASByteCursor head(body, AS_TRANS_HEAD_LEN);
+    // msgLen bounds everything read here: the broker's host reuses its buffer,
+    // so bytes past msgLen are another frame's (or no one's).
+    ASByteCursor body(static_cast<uint8_t *>(msg->body), msg->msgLen);
     uint32_t total = 0;
-    head.Take(AS_TRANS_TOTAL_LEN_OFFSET);
-    head.TakeU32(&total);
+    if (body.Take(AS_TRANS_TOTAL_LEN_OFFSET) == nullptr || !body.TakeU32(&total)) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, trans msg shorter than its head. len = %u", hdl->name, msg->msgLen);
+        return 1;
+    }
     if (total < AS_TRANS_HEAD_LEN) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, recv zebbrk trans msg is error.", hdl->name);
         return 1;
     }
-    ASByteCursor area(body + AS_TRANS_HEAD_LEN, total);
+    const size_t inBody = body.Remaining();
+    const bool cutByBody = total > inBody;
+    const size_t areaLen = cutByBody ? inBody : total;
+    TlvArea area{ASByteCursor(body.Take(areaLen), areaLen), cutByBody, msg->msgLen};
     const uint32_t lowBits = msg->msgId & kLowBitsMask;
     ASOrchTransTlv tlv{};
-    for (uint32_t index = 0; area.Remaining() > 0 && TakeTlv(hdl, &area, index, &tlv); ++index) {
+    // A total that claims more than the body holds ends the walk at the body's
+    // end with a line, even when the body ends right after a whole TLV.
+    for (uint32_t index = 0; (area.bytes.Remaining() > 0 || cutByBody) && TakeTlv(hdl, &area, index, &tlv);
+         ++index) {
         uint32_t r = ASOrchMsgInfoProc(hdl, &tlv, lowBits);
         if (r == AS_TRANS_TLV_MALFORMED) break;
         if (r != 0) {

@@ -101,6 +101,7 @@ bool ASOrchTransCompTblParsePack(ASOrchHandle *hdl, const ASOrchTransTlv *tlv, c
     return true;
 }
 
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): buffer and length as the exported senders take them
 uint32_t ASOrchFesDamChanMsgVec(ASOrchHandle *hdl, void *buf, uint32_t len, uint32_t chanIdx) {
     void *chan = QOV_EAL_GetChannelHdl(hdl->ealHdl, chanIdx);
     return QOV_CHAN_USendMsg(chan, htonl(kLoopback), 0, buf, len);

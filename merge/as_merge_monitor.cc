@@ -65,7 +65,9 @@ uint32_t ASOrchMergeFesMonitorProc(uint32_t evtType, uint64_t usrData) {
     return ASOrchMergeFesDamMonitorProc(evtType, usrData, AS_MERGE_PATH_FES);
 }
 
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): as the queue's monitor callback passes them
 uint32_t ASOrchMergeFesDamMonitorProc(uint32_t evtType, uint64_t usrData, uint32_t chanId) {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): the queue's monitor hands back the handle as a 64-bit user word
     auto *hdl = reinterpret_cast<ASOrchHandle *>(usrData);
     if (hdl == nullptr) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "Orch autosync MQue Monitor error usrData is NULL");

@@ -65,6 +65,7 @@ void ASOrchPubMergeRule(const ASOrchMergeMsgVec *stored, ASOrchMergeMsgVec *inco
 // The queue calls this when a write meets a queued entry with the same key and
 // then copies the incoming vector over the stored one: the stored buffer is
 // released here, the incoming buffer takes its place.
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): the merge queue's merge callback type
 void ASOrchPubMergeNotify(void *incoming, void *stored) {
     auto *in = static_cast<ASOrchMergeMsgVec *>(incoming);
     auto *st = static_cast<ASOrchMergeMsgVec *>(stored);
@@ -74,6 +75,7 @@ void ASOrchPubMergeNotify(void *incoming, void *stored) {
     st->key = nullptr;
 }
 
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): the merge queue's compare callback type
 uint32_t ASOrchPubCmpFunc(const void *a, const void *b) {
     const auto *va = static_cast<const ASOrchMergeMsgVec *>(a);
     const auto *vb = static_cast<const ASOrchMergeMsgVec *>(b);

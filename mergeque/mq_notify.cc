@@ -45,6 +45,7 @@ void QOV_MergeQueEpollUnReg(MergeQueCtrlBlk *mque) {
     rd.epollReg = 0;
 }
 
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): the platform's epoll callback type
 uint32_t QOV_MergeQueSchedProc(int32_t fd, uint32_t events, void *usrData) {
     (void)events;
     auto *mque = static_cast<MergeQueCtrlBlk *>(usrData);

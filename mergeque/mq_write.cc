@@ -75,6 +75,7 @@ uint32_t QOV_MergeQueNewWrite(MergeQueCtrlBlk *mque, const void *key, const void
     return 0;
 }
 
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): key and record in the order QOV_MergeQueWrite takes them
 MergeQueEntry *QOV_MergeQueNewHashData(MergeQueCtrlBlk *mque, const void *key, const void *record) {
     auto *entry = static_cast<MergeQueEntry *>(LITE_HASH_NewData(mque->hash, 0));
     if (entry == nullptr) return nullptr;

@@ -33,6 +33,7 @@ uint32_t LoadU32(const uint8_t *p) {
 
 constinit const std::array<ASOrchSmoothProcFunc, AS_SMOOTH_PROC_NUM> g_ASOrchSmoothProc = MakeSmoothProc();
 
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): two results, named at every call
 void ASOrchTransTblSmoothGetTlvAndBatchType(uint32_t first, uint32_t *type, uint32_t *batchType) {
     *type = first;
     *batchType = AS_SMOOTH_BATCH_NONE;

@@ -7,6 +7,7 @@
 namespace {
 
 struct HookCase {
+    const char *name;
     const char *lib;  // null: no record
     uint32_t code;
     uint32_t result;
@@ -35,12 +36,13 @@ TEST_P(HotPatch, AnswersOnlyForThisLibrary) {
 
 INSTANTIATE_TEST_SUITE_P(
     Codes, HotPatch,
-    ::testing::Values(HookCase{"libqov_autosync_orch.so", 0, 0, 1, "libqov_autosync_orch reserved patch c2h active."},
-                      HookCase{"libqov_autosync_orch.so", 1, 0, 1, "libqov_autosync_orch reserved patch c2h deactive."},
-                      HookCase{"libqov_autosync_orch.so", 2, 1, 1,
+    ::testing::Values(HookCase{"Activate", "libqov_autosync_orch.so", 0, 0, 1, "libqov_autosync_orch reserved patch c2h active."},
+                      HookCase{"Deactivate", "libqov_autosync_orch.so", 1, 0, 1, "libqov_autosync_orch reserved patch c2h deactive."},
+                      HookCase{"UnknownCode", "libqov_autosync_orch.so", 2, 1, 1,
                                "libqov_autosync_orch c2h active or deactive oper failed, operCode 2"},
-                      HookCase{"libqov_other.so", 0, 0, 0, nullptr},
-                      HookCase{"libqov_autosync_orch.so.1", 0, 0, 0, nullptr},
-                      HookCase{nullptr, 0, 0, 0, nullptr}));
+                      HookCase{"OtherLibrary", "libqov_other.so", 0, 0, 0, nullptr},
+                      HookCase{"NameWithSuffix", "libqov_autosync_orch.so.1", 0, 0, 0, nullptr},
+                      HookCase{"NoRecord", nullptr, 0, 0, 0, nullptr}),
+    qovtest::RowName());
 
 }  // namespace

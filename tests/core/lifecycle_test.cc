@@ -114,7 +114,8 @@ TEST_P(NameLength, NamesOf16OrMoreCharactersAreRefusedBeforeAllocating) {
 
 INSTANTIATE_TEST_SUITE_P(Boundary, NameLength,
                          ::testing::Values(NameCase{0, true}, NameCase{1, true}, NameCase{15, true},
-                                           NameCase{16, false}, NameCase{200, false}));
+                                           NameCase{16, false}, NameCase{200, false}),
+                         [](const auto &p) { return "Length" + std::to_string(p.param.len); });
 
 TEST_F(Lifecycle, CreateRefusesNullArgumentsAndMissingMemoryFunctions) {
     ASOrchCreatePara p = Para();
@@ -275,6 +276,7 @@ TEST_F(Live, OndemandAndModInitOkPassThePlatformResultThrough) {
 }
 
 struct TimerCase {
+    const char *name;
     int64_t platformResult;
     uint32_t result;
     const char *line;
@@ -295,10 +297,10 @@ TEST_P(TimerResult, NegativeIsFailureZeroOrMoreIsSuccess) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Results, TimerResult,
-                         ::testing::Values(TimerCase{0, 0, "live, auto sync timer init ok"},
-                                           TimerCase{7, 0, "live, auto sync timer init ok"},
-                                           TimerCase{-1, 1, "live, auto sync timer init Fail"}),
-                         [](const auto &p) { return "Result" + std::to_string(p.index); });
+                         ::testing::Values(TimerCase{"Zero", 0, 0, "live, auto sync timer init ok"},
+                                           TimerCase{"Positive", 7, 0, "live, auto sync timer init ok"},
+                                           TimerCase{"Negative", -1, 1, "live, auto sync timer init Fail"}),
+                         qovtest::RowName());
 
 std::atomic<int> g_ticks{0};
 void Tick(uint64_t usr) { g_ticks += static_cast<int>(usr); }

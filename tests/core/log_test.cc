@@ -31,7 +31,8 @@ TEST_P(LogLength, LinesOf256OrMoreCharactersAreDropped) {
 
 INSTANTIATE_TEST_SUITE_P(Boundary, LogLength,
                          ::testing::Values(LenCase{0, true}, LenCase{1, true}, LenCase{254, true},
-                                           LenCase{255, true}, LenCase{256, false}, LenCase{1000, false}));
+                                           LenCase{255, true}, LenCase{256, false}, LenCase{1000, false}),
+                         [](const auto &p) { return "Length" + std::to_string(p.param.len); });
 
 TEST_F(HostTest, LogLevelIsAcceptedAndNotWritten) {
     QOV_AUTOSYNC_QovLog(0, "%s, step %u ok", "orch", 3u);

@@ -194,7 +194,7 @@ INSTANTIATE_TEST_SUITE_P(Masks, Threads,
                          ::testing::Values(ThreadCase{"DataOnly", 1, {kData}}, ThreadCase{"DataEvent", 5, {kData, kEvent}},
                                            ThreadCase{"All", 7, {kData, kSync, kEvent}},
                                            ThreadCase{"HighBitKept", 9, {kData}}),
-                         [](const auto &p) { return std::string(p.param.name); });
+                         qovtest::RowName());
 
 TEST(ThreadSet, BuildsMasksOfDistinctKindsBelow32) {
     struct Row {
@@ -273,6 +273,6 @@ INSTANTIATE_TEST_SUITE_P(
                                {{0, 0, 1}, {1, 0, 2}, {2, 0, 3}, {3, 2, 4}}, nullptr},
                       ChanCase{"NoSlotUsed", 1, {}, {}, "orch, no valid realServerPort."},
                       ChanCase{"Slot5RefusedBeforeTheEal", 1, {{5, 9}}, {}, "orch, chan slot 5 has no channel kind."}),
-    [](const auto &p) { return std::string(p.param.name); });
+    qovtest::RowName());
 
 }  // namespace

@@ -107,6 +107,7 @@ TEST_F(HostTest, IntHashCreateRefusesZeroBucketsAndAllocationFailure) {
 }
 
 struct CombineCase {
+    const char *name;
     const char *first;
     const char *second;
     uint32_t size;
@@ -130,9 +131,10 @@ TEST_P(Combine, WritesOnlyWhenBothAndTheTerminatorFit) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Sizes, Combine,
-                         ::testing::Values(CombineCase{"abc", "defg", 8, 0, "abcdefg"},
-                                           CombineCase{"abc", "defg", 7, 1, ""}, CombineCase{"", "", 1, 0, ""},
-                                           CombineCase{"abcdefgh", "", 8, 1, ""},
-                                           CombineCase{"", "abcdefg", 8, 0, "abcdefg"}));
+                         ::testing::Values(CombineCase{"BothFit", "abc", "defg", 8, 0, "abcdefg"},
+                                           CombineCase{"NoRoomForTheTerminator", "abc", "defg", 7, 1, ""}, CombineCase{"BothEmpty", "", "", 1, 0, ""},
+                                           CombineCase{"FirstAloneTooLong", "abcdefgh", "", 8, 1, ""},
+                                           CombineCase{"OnlySecond", "", "abcdefg", 8, 0, "abcdefg"}),
+                         qovtest::RowName());
 
 }  // namespace

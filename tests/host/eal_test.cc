@@ -182,7 +182,7 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(ThreadCase{"DataAlone", 1, "o1", {"o1_DATA", nullptr, nullptr}},
                       ThreadCase{"AllThree", 7, "orch", {"orch_DATA", "orch_SYNC", "orch_EVENT"}},
                       ThreadCase{"LongNamesCut", 5, "orchestrator15c", {"orchestrator15c", nullptr, "orchestrator15c"}}),
-    [](const auto &i) { return std::string(i.param.name); });
+    qovtest::RowName());
 
 // ---- Channels: delivery on the serving thread, and frames back ----
 struct ChanCase {
@@ -237,7 +237,7 @@ TEST_P(EalChannels, FramesReachTheReceiveFunctionOnItsThread) {
 INSTANTIATE_TEST_SUITE_P(Threads, EalChannels,
                          ::testing::Values(ChanCase{"DamOnData", 1, 0, 0, 0}, ChanCase{"EvtOnEvent", 7, 3, 2, 2},
                                            ChanCase{"EventThreadMissingServedByData", 1, 3, 2, 0}),
-                         [](const auto &i) { return std::string(i.param.name); });
+                         qovtest::RowName());
 
 TEST_F(EalTest, BackPressStopsTheBrokerAndReleaseDrainsIt) {
     Broker b;
@@ -368,7 +368,7 @@ INSTANTIATE_TEST_SUITE_P(
                       ReconnectCase{"BrokerDrops", Fault::kBrokerDrops, "rc chan 1: connection closed by the peer"},
                       ReconnectCase{"FrameOverBound", Fault::kOversize, "frame of 1025 bytes over the bound 1024"},
                       ReconnectCase{"Garbage", Fault::kGarbage, "garbage instead of a frame header"}),
-    [](const auto &i) { return std::string(i.param.name); });
+    qovtest::RowName());
 
 // ---- Sync groups ----
 TEST_F(EalTest, SyncGroupLinksTwoInstances) {

@@ -118,7 +118,7 @@ INSTANTIATE_TEST_SUITE_P(
                       RandomCase{"EveryHashEqual", HashSame, kBuckets, 64, 6000},
                       RandomCase{"TopBitsOnly", HashHigh, 1, 256, 8000},
                       RandomCase{"GrowsToThousands", HashMix, 1024, 20000, 60000}),
-    [](const auto &p) { return std::string(p.param.name); });
+    qovtest::RowName());
 
 // Elements of every size are disjoint and 8-aligned, and an element that fits
 // a cache line with its header does not straddle two.

@@ -61,7 +61,7 @@ INSTANTIATE_TEST_SUITE_P(
                   true, "ab-12"},
         BoundCase{"SprintfOneShort", 5, [](char *d, size_t n) { return sprintf_s(d, n, "%s-%u", "ab", 12u); },
                   false, ""}),
-    [](const auto &p) { return std::string(p.param.name); });
+    qovtest::RowName());
 
 TEST(Bounded, SprintfReturnsTheCharactersWrittenAndNegativeWhenItDoesNotFit) {
     char buf[8];

@@ -112,7 +112,7 @@ INSTANTIATE_TEST_SUITE_P(, TblMsgListTest,
                                            ListCase{"SecondOfEach", false, true, false, true, false},
                                            ListCase{"FirstOfEach", true, false, true, false, true},
                                            ListCase{"All", true, true, true, true, false}),
-                         [](const auto &p) { return std::string(p.param.name); });
+                         qovtest::RowName());
 
 TEST_F(TblMsgRegTest, ADuplicateIdDropsTheWholeTable) {
     struct Case {

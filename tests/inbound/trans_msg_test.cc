@@ -1,8 +1,10 @@
 // Transfer messages end to end: the table-data layouts, the smoothing runs
 // with their class records and callback priority, and damaged messages placed
 // against a guard page (a clean refusal, or exactly the well-formed prefix).
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -94,15 +96,15 @@ protected:
         QovHostLogClear();
         QovHostJournalClear();
     }
-    // Runs the bytes, placed against the guard page, through the intake; msgLen
-    // stays 0, as a broker may leave it for transfer messages.
+    // Runs the bytes, placed against the guard page, through the intake as
+    // the host hands them over: msgLen is their length.
     uint32_t Run(const Bytes &bytes, Bytes *after = nullptr) {
         g_ev.clear();
         g_recs.clear();
         qovtest::GuardedBytes g(bytes);
         g_body = g.data();
         g_bodyLen = g.size();
-        ASOrchIpcMsg msg{g.data(), kTransId, 0};
+        ASOrchIpcMsg msg{g.data(), kTransId, static_cast<uint32_t>(g.size())};
         uint32_t r = ASOrchMsgProc(hdl_, &msg);
         if (after != nullptr) after->assign(g.data(), g.data() + g.size());
         return r;
@@ -139,7 +141,7 @@ INSTANTIATE_TEST_SUITE_P(
         LayoutCase{"DamType2OneEntry", DamOf(2, 50), "tbl @24 n=1 size=50 v=2 param=50 type=2"},
         LayoutCase{"DamType18Empty", DamOf(18, 0), "tbl @24 n=1 size=0 v=2 param=50 type=18"},
         LayoutCase{"FesType19", qovtest::TableTlv(kFes, 19, qovtest::kPathFes, 1, 9, 1), "tbl @24 n=1 size=9 v=2 param=70 type=19"}),
-    [](const auto &p) { return std::string(p.param.name); });
+    qovtest::RowName());
 
 TEST_F(TransTest, TotalLengthBoundsTheWalkAndFailuresDoNotStopIt) {
     Register(false, false);
@@ -269,7 +271,7 @@ INSTANTIATE_TEST_SUITE_P(
         SmoothCase{"EmptyValue", false, true, kDam, {Smooth(7, kDam)}, 0, kNone, kNone, "", 0, 0},
         SmoothCase{"ValueShorterThanHeadUntouched", false, true, kTyped, {{195, kTyped, {1, 2, 3, 4}, {}}}, 11, kNone,
                    kNone, "orchI, smooth tlv head cut short. remaining = 11", 0, 0}),
-    [](const auto &p) { return std::string(p.param.name); });
+    qovtest::RowName());
 
 TEST(SmoothRemapTest, FirstTypesOfBatchRunsMapToTheirClassAndBatch) {
     // {first type, dispatched as, batch type}; the neighbours and unused rows stay as they are with batch 3.
@@ -327,16 +329,50 @@ TEST_F(TransTest, DamagedTransferMessagesHandleExactlyTheWellFormedPrefix) {
     ASSERT_EQ(Run(good.bytes), 0u);
     const std::vector<std::string> full = g_ev;
     ASSERT_EQ(full.size(), 6u);
-    // Cut at every offset, the total length following the cut: the body ends at the guard page.
-    for (size_t cut = 0, whole = 0, seen = 0, end = 0; 12 + cut <= good.bytes.size(); ++cut) {
-        if (whole < tlvs.size() && cut == end + 12 + tlvs[whole].value.size()) {
-            end += 12 + tlvs[whole].value.size();
-            seen += events[whole++];
+    // Events of the TLVs that lie wholly in the first n bytes of the TLV area.
+    auto seenIn = [&](size_t n) {
+        size_t seen = 0;
+        for (size_t i = 0, end = 0; i < tlvs.size() && (end += 12 + tlvs[i].value.size()) <= n; ++i) seen += events[i];
+        return Prefix(full, seen);
+    };
+    const size_t area = good.bytes.size() - 12;
+    // Cut at every offset (the body ends at the guard page), the total length
+    // following the cut or still claiming the whole area: a cut head is
+    // refused, a TLV cut by the total or by the body's end stops the walk
+    // with one line.
+    auto atTlvEnd = [&](size_t n) {
+        for (size_t i = 0, end = 0; i < tlvs.size() && end <= n; end += 12 + tlvs[i++].value.size())
+            if (end == n) return true;
+        return n == area;
+    };
+    for (size_t cut = 0; cut <= good.bytes.size(); ++cut) {
+        for (bool follow : {true, false}) {
+            Bytes b(good.bytes.begin(), good.bytes.begin() + cut);
+            const size_t total = follow && cut >= 12 ? cut - 12 : area;
+            if (cut >= 12) qovtest::SetU32(b.data() + 8, static_cast<uint32_t>(total));
+            QovHostLogClear();
+            const bool refused = cut < 12 || total < 12;
+            const std::string at = "cut " + std::to_string(cut) + (follow ? ", total follows" : ", total kept");
+            EXPECT_EQ(Run(b), refused ? 1u : 0u) << at;
+            EXPECT_EQ(g_ev, seenIn(refused ? 0 : cut - 12)) << at;
+            EXPECT_EQ(qovtest::Logs().size(), refused || !atTlvEnd(cut - 12) || total > cut - 12 ? 1u : 0u) << at;
+            if (cut < 12) {
+                EXPECT_TRUE(qovtest::HasLine("orchI, trans msg shorter than its head. len = " + std::to_string(cut)));
+            }
         }
-        Bytes b(good.bytes.begin(), good.bytes.begin() + 12 + cut);
-        qovtest::SetU32(b.data() + 8, static_cast<uint32_t>(cut));
-        EXPECT_EQ(Run(b), cut < 12 ? 1u : 0u) << "cut " << cut;
-        EXPECT_EQ(g_ev, Prefix(full, seen)) << "cut " << cut;
+    }
+    // The total length changed: the walk never leaves the body.
+    for (uint32_t total : {0u, 11u, 12u, uint32_t(area - 1), uint32_t(area + 1), uint32_t(area + 12), 0x7FFFFFFFu,
+                           0xFFFFFFFFu}) {
+        Bytes b = good.bytes;
+        qovtest::SetU32(b.data() + 8, total);
+        QovHostLogClear();
+        EXPECT_EQ(Run(b), total < 12 ? 1u : 0u) << "total " << total;
+        EXPECT_EQ(g_ev, seenIn(total < 12 ? 0 : std::min<size_t>(total, area))) << "total " << total;
+        if (total > area) {
+            EXPECT_TRUE(qovtest::HasLine("orchI, trans msg tlv 5 head runs past the body. left = 0, msgLen = " +
+                                         std::to_string(good.bytes.size())));
+        }
     }
     // Each tlvLen changed, each type flipped: nothing read outside the body and
     // the TLVs before the damaged one handled as before.
@@ -356,6 +392,68 @@ TEST_F(TransTest, DamagedTransferMessagesHandleExactlyTheWellFormedPrefix) {
             EXPECT_EQ(Prefix(g_ev, std::min(before, g_ev.size())), Prefix(full, before)) << i << " type " << type;
         }
     }
+}
+
+// Frames as the host hands them over, the body in a heap block of exactly
+// msgLen bytes, so that AddressSanitizer sees a read past it: the head and
+// every TLV stay inside msgLen whatever the total length claims.
+TEST_F(TransTest, NothingPastMsgLenIsRead) {
+    Register(false, false);
+    const Bytes two = qovtest::EncodeTrans({DamOf(18, 0), DamOf(18, 4)}).bytes;  // 40 bytes, total 28
+    auto cut = [](Bytes b, size_t len, uint32_t total) {
+        b.resize(len);
+        if (len >= 12) qovtest::SetU32(b.data() + 8, total);
+        return b;
+    };
+    const std::string body = "orchI, trans msg tlv ";
+    struct Row {
+        const char *name;
+        Bytes bytes;
+        uint32_t result;
+        size_t events;
+        std::string line;  // "" when nothing is logged
+    } rows[] = {
+        {"Empty", {}, 1, 0, "orchI, trans msg shorter than its head. len = 0"},
+        {"HeadCut", cut(two, 11, 0), 1, 0, "orchI, trans msg shorter than its head. len = 11"},
+        {"Total64In16", cut(two, 16, 64), 0, 0, body + "0 head runs past the body. left = 4, msgLen = 16"},
+        {"ValuePastBody", cut(two, 39, 28), 0, 1,
+         body + "1 runs past the body. tbl = 5, tlvType = 18, tlvLen = 4, left = 3, msgLen = 39"},
+        {"HeadPastBody", cut(two, 40, 40), 0, 2, body + "2 head runs past the body. left = 0, msgLen = 40"},
+        {"Total11", cut(two, 40, 11), 1, 0, "orchI, recv zebbrk trans msg is error."},
+        {"Total12OneTlv", cut(two, 40, 12), 0, 1, ""},
+        {"Whole", two, 0, 2, ""},
+    };
+    for (const Row &r : rows) {
+        SCOPED_TRACE(r.name);
+        g_ev.clear();
+        QovHostLogClear();
+        std::unique_ptr<uint8_t[]> exact(new uint8_t[r.bytes.size()]);
+        std::copy(r.bytes.begin(), r.bytes.end(), exact.get());
+        g_body = exact.get();
+        g_bodyLen = r.bytes.size();
+        ASOrchIpcMsg msg{exact.get(), kTransId, static_cast<uint32_t>(r.bytes.size())};
+        EXPECT_EQ(ASOrchMsgProc(hdl_, &msg), r.result);
+        EXPECT_EQ(g_ev.size(), r.events);
+        EXPECT_EQ(qovtest::Logs(), r.line.empty() ? std::vector<std::string>{} : std::vector<std::string>{r.line});
+    }
+}
+
+// The host reads every frame into the same buffer: a short frame that follows
+// a good one has the good one's bytes behind its body, and they are not its rows.
+TEST_F(TransTest, ShortFramesDoNotReplayTheRowsOfTheFrameBefore) {
+    Register(false, false);
+    qovtest::GuardedBytes buf(qovtest::EncodeTrans({qovtest::TableTlv(kDam, 1, qovtest::kPathDam, 4, 16, 1)}).bytes);
+    g_body = buf.data();
+    g_bodyLen = buf.size();
+    g_ev.clear();
+    ASOrchIpcMsg good{buf.data(), kTransId, static_cast<uint32_t>(buf.size())};
+    ASSERT_EQ(ASOrchMsgProc(hdl_, &good), 0u);
+    ASSERT_EQ(g_ev, std::vector<std::string>{"tbl @24 n=4 size=16 v=0 param=50 type=1"});
+    for (uint32_t len : {0u, 0u, 0u, 0u, 0u, 11u}) {
+        ASOrchIpcMsg shortFrame{buf.data(), kTransId, len};
+        EXPECT_EQ(ASOrchMsgProc(hdl_, &shortFrame), 1u) << len;
+    }
+    EXPECT_EQ(g_ev.size(), 1u) << "rows of the frame before delivered again";
 }
 
 TEST_F(TransTest, ChannelSendersGoToTheirChannelOnLoopback) {

@@ -131,8 +131,6 @@ uint32_t SendAll(Broker &b, const std::vector<uint8_t> &bytes) {
     return pressedAgain;
 }
 
-constexpr auto kName = [](const auto &i) { return std::string(i.param.name); };
-
 class HardCases : public qovtest::HostTest {
 protected:
     void SetUp() override { HostTest::SetUp(), g = new State; }
@@ -213,7 +211,7 @@ TEST_P(HardFlood, SlowHandlerBoundsTheQueueAndEveryKeyEndsAsLastSent) {
     EXPECT_EQ(g->keys[kLast].n, 1u) << "delivered again after the flood";
 }
 INSTANTIATE_TEST_SUITE_P(, HardFlood, ::testing::Values(Water{"Wide", 512, 64}, Water{"Narrow", 300, 260}),
-                         kName);
+                         qovtest::RowName());
 
 // Broken by: no coalescing of a queued key (10 000 deliveries), a wrong merged op.
 struct Churn { const char *name; bool delFirst, delLast; uint32_t op; };
@@ -246,7 +244,7 @@ INSTANTIATE_TEST_SUITE_P(, HardChurn,
                          ::testing::Values(Churn{"UpdateOnUpdate", false, false, 0},
                                            Churn{"ThenDelete", false, true, 1},
                                            Churn{"DeleteThenUpdate", true, false, 2}),
-                         kName);
+                         qovtest::RowName());
 
 // Broken by: one queue (or one reader) for both paths: the FES entry then waits
 // behind the whole DAM backlog.

@@ -60,7 +60,7 @@ TEST_P(FateTest, BufferFreedExactlyOnce) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Fates, FateTest, ::testing::ValuesIn(kFates),
-                         [](const ::testing::TestParamInfo<Fate> &p) { return std::string(p.param.name); });
+                         qovtest::RowName());
 
 class OrderTest : public FlowTest, public ::testing::WithParamInterface<std::tuple<uint32_t, const char *>> {};
 
@@ -74,7 +74,8 @@ TEST_P(OrderTest, TailTypesMoveMergedEntry) {
 
 INSTANTIATE_TEST_SUITE_P(Types, OrderTest,
                          ::testing::Values(std::make_tuple(0u, "AB"), std::make_tuple(2u, "BA"),
-                                           std::make_tuple(1u, "AB"), std::make_tuple(3u, "BA")));
+                                           std::make_tuple(1u, "AB"), std::make_tuple(3u, "BA")),
+                         [](const auto &p) { return "Type" + std::to_string(std::get<0>(p.param)); });
 
 TEST_F(FlowTest, HundredEntriesReadInBatchesOf32) {
     std::string expect;

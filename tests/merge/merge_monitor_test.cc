@@ -10,6 +10,7 @@ using qovtest::HasLine;
 constexpr char kAdvice[] = "orchM, mb mque high water. suggest config syncGrp sync thread";
 
 struct Case {
+    const char *name;
     uint32_t isMb, path, threadMask;
     bool syncGrp;  // register the sync groups (kind 0 gets id 0)
     bool destroy;  // destroy the handle while over high water instead of reading
@@ -71,9 +72,13 @@ TEST_P(MonitorTest, OverloadPressesSourceAndDrainReleasesIt) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Roles, MonitorTest,
-                         ::testing::Values(Case{1, 0, 1, false, false}, Case{1, 1, 1, false, false},
-                                           Case{1, 0, 3, false, false}, Case{0, 0, 1, true, false},
-                                           Case{0, 1, 3, true, false}, Case{0, 0, 1, false, false},
-                                           Case{1, 1, 3, false, true}, Case{0, 0, 1, true, true}));
+                         ::testing::Values(Case{"MbDam", 1, 0, 1, false, false}, Case{"MbFes", 1, 1, 1, false, false},
+                                           Case{"MbDamWithSyncThread", 1, 0, 3, false, false},
+                                           Case{"GroupDam", 0, 0, 1, true, false},
+                                           Case{"GroupFesWithSyncThread", 0, 1, 3, true, false},
+                                           Case{"NoGroup", 0, 0, 1, false, false},
+                                           Case{"MbDestroyedWhilePressed", 1, 1, 3, false, true},
+                                           Case{"GroupDestroyedWhilePressed", 0, 0, 1, true, true}),
+                         qovtest::RowName());
 
 }  // namespace

@@ -71,7 +71,7 @@ TEST_P(FesFailTest, StepFailsAndReleasesBothPaths) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Fes, FesFailTest, ::testing::ValuesIn(kFails),
-                         [](const ::testing::TestParamInfo<FailCase> &p) { return std::string(p.param.name); });
+                         qovtest::RowName());
 
 TEST_F(MergeTest, EveryAllocationFailureIsCleanAndLeavesNothing) {
     uint32_t failures = 0;

@@ -33,9 +33,14 @@ TEST_P(RuleTest, NotifyCombinesOpsAndFreesStoredBuffer) {
     EXPECT_EQ(HasLine("Orch autosync merge notify get rule error"), kind == 'E');
 }
 
-INSTANTIATE_TEST_SUITE_P(AllPairs, RuleTest, ::testing::Combine(::testing::Range(0u, 4u), ::testing::Range(0u, 4u)));
+INSTANTIATE_TEST_SUITE_P(AllPairs, RuleTest, ::testing::Combine(::testing::Range(0u, 4u), ::testing::Range(0u, 4u)),
+                         [](const auto &p) {
+                             return "Stored" + std::to_string(std::get<0>(p.param)) + "Incoming" +
+                                    std::to_string(std::get<1>(p.param));
+                         });
 
 struct BucketCase {
+    const char *name;
     std::vector<uint8_t> key;
     uint32_t msgId, version, buckets, mergeType, expect;
 };
@@ -55,13 +60,14 @@ TEST_P(BucketTest, KnownValues) {
 
 INSTANTIATE_TEST_SUITE_P(
     Values, BucketTest,
-    ::testing::Values(BucketCase{{}, 0, 0, 8192, 0, 1950}, BucketCase{{}, 1, 0, 8192, 0, 1951},
-                      BucketCase{{1, 0, 0, 0}, 0, 0, 8192, 0, 6221},
-                      BucketCase{{1, 2, 3, 4, 5, 6, 7, 8}, 7, 2, 8192, 0, 7740},
-                      BucketCase{{1, 2, 3, 4, 5, 6, 7, 8, 9}, 7, 2, 8192, 0, 7740},  // trailing byte ignored
-                      BucketCase{{9, 9, 9}, 0, 0, 8192, 0, 1950},                    // short key ignored
-                      BucketCase{{}, 0, 0, 0, 0, 1493338014u},                       // no buckets: no modulo
-                      BucketCase{{}, 0, 0, 0, 2, 1950}));                             // type 2: 8192 always
+    ::testing::Values(BucketCase{"EmptyKey", {}, 0, 0, 8192, 0, 1950}, BucketCase{"EmptyKeyMsgId1", {}, 1, 0, 8192, 0, 1951},
+                      BucketCase{"FourByteKey", {1, 0, 0, 0}, 0, 0, 8192, 0, 6221},
+                      BucketCase{"EightByteKeyVersion2", {1, 2, 3, 4, 5, 6, 7, 8}, 7, 2, 8192, 0, 7740},
+                      BucketCase{"TrailingByteIgnored", {1, 2, 3, 4, 5, 6, 7, 8, 9}, 7, 2, 8192, 0, 7740},
+                      BucketCase{"ShortKeyIgnored", {9, 9, 9}, 0, 0, 8192, 0, 1950},
+                      BucketCase{"NoBucketsNoModulo", {}, 0, 0, 0, 0, 1493338014u},
+                      BucketCase{"Type2Always8192", {}, 0, 0, 0, 2, 1950}),
+    qovtest::RowName());
 
 TEST(MergeKey, IdentityIsMsgIdVersionSizeAndBytes) {
     uint8_t a[] = "abcde", same[] = "abcde", fifth[] = "abcdX";

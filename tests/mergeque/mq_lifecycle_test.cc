@@ -18,7 +18,7 @@ int OpenFds() {
 }
 
 struct ParaCase {
-    const char *what;
+    const char *name;
     std::function<void(MergeQueCreatePara &)> change;
     const char *line;  // expected error, or null when creation succeeds
 };
@@ -33,7 +33,7 @@ TEST_P(MqParaTest, ParameterChecks) {
         EXPECT_TRUE(qovtest::HasLine("[QOV_MERGE_QUE Create] para_q ok"));
     } else {
         EXPECT_EQ(q_, nullptr);
-        EXPECT_TRUE(qovtest::HasLine(GetParam().line)) << GetParam().what;
+        EXPECT_TRUE(qovtest::HasLine(GetParam().line)) << GetParam().name;
         EXPECT_EQ(qovtest::AllocCount(), 0u);
     }
 }
@@ -41,14 +41,14 @@ TEST_P(MqParaTest, ParameterChecks) {
 INSTANTIATE_TEST_SUITE_P(
     Create, MqParaTest,
     ::testing::Values(
-        ParaCase{"no malloc", [](auto &p) { p.mallocFunc = nullptr; }, "[QOV_MERGE_QUE Create] para_q para mem func invalid."},
-        ParaCase{"no free", [](auto &p) { p.freeFunc = nullptr; }, "[QOV_MERGE_QUE Create] para_q para mem func invalid."},
-        ParaCase{"no hash", [](auto &p) { p.hashFunc = nullptr; }, "[QOV_MQUE Create] para_q para hash func invalid."},
-        ParaCase{"no cmp", [](auto &p) { p.cmpFunc = nullptr; }, "[QOV_MQUE Create] para_q para hash func invalid."},
-        ParaCase{"no key", [](auto &p) { p.getKeyPtr = nullptr; }, "[QOV_MQUE Create] para_q para hash func invalid."},
-        ParaCase{"epFd -1", [](auto &p) { p.epFd = -1; }, "[QOV_MERGE_QUE Create] para_q para epFd invalid."},
-        ParaCase{"no sched, no merge", [](auto &p) { p.schedFunc = nullptr; p.mergeFunc = nullptr; }, nullptr}),
-    [](const auto &p) { return "Case" + std::to_string(p.index); });
+        ParaCase{"NoMalloc", [](auto &p) { p.mallocFunc = nullptr; }, "[QOV_MERGE_QUE Create] para_q para mem func invalid."},
+        ParaCase{"NoFree", [](auto &p) { p.freeFunc = nullptr; }, "[QOV_MERGE_QUE Create] para_q para mem func invalid."},
+        ParaCase{"NoHash", [](auto &p) { p.hashFunc = nullptr; }, "[QOV_MQUE Create] para_q para hash func invalid."},
+        ParaCase{"NoCmp", [](auto &p) { p.cmpFunc = nullptr; }, "[QOV_MQUE Create] para_q para hash func invalid."},
+        ParaCase{"NoKeyPtr", [](auto &p) { p.getKeyPtr = nullptr; }, "[QOV_MQUE Create] para_q para hash func invalid."},
+        ParaCase{"EpFdMinusOne", [](auto &p) { p.epFd = -1; }, "[QOV_MERGE_QUE Create] para_q para epFd invalid."},
+        ParaCase{"NoSchedNoMergeAccepted", [](auto &p) { p.schedFunc = nullptr; p.mergeFunc = nullptr; }, nullptr}),
+    qovtest::RowName());
 
 TEST_F(MqTest, NullNameOrParametersAreRefused) {
     EXPECT_EQ(QOV_MergeQueCreate(nullptr, &para_), nullptr);
@@ -65,7 +65,7 @@ TEST_F(MqTest, EpFdZeroPassesTheChecks) {
 }
 
 struct StepCase {
-    const char *what;
+    const char *name;
     std::function<void(MergeQueCreatePara &)> arm;
     std::vector<std::string> lines;
 };
@@ -76,7 +76,7 @@ class MqFailStepTest : public MqTest, public ::testing::WithParamInterface<StepC
 TEST_P(MqFailStepTest, LeavesNothing) {
     int fds = OpenFds();
     GetParam().arm(para_);
-    EXPECT_EQ(Make("step_q"), nullptr) << GetParam().what;
+    EXPECT_EQ(Make("step_q"), nullptr) << GetParam().name;
     for (const auto &l : GetParam().lines) EXPECT_TRUE(qovtest::HasLine(l)) << l;
     EXPECT_EQ(QOV_MergeQueNameTreeFind("step_q"), nullptr);
     EXPECT_EQ(qovtest::AllocOutstanding(), 0);
@@ -90,20 +90,20 @@ TEST_P(MqFailStepTest, LeavesNothing) {
 INSTANTIATE_TEST_SUITE_P(
     Create, MqFailStepTest,
     ::testing::Values(
-        StepCase{"malloc", [](auto &) { qovtest::AllocFailAt(1); }, {"[QOV_MERGE_QUE Create] malloc Fail"}},
-        StepCase{"name insert", [](auto &) { QovHostFailNext("YAV_AVL3_Insert_Or_Find", 1, 0); },
+        StepCase{"Malloc", [](auto &) { qovtest::AllocFailAt(1); }, {"[QOV_MERGE_QUE Create] malloc Fail"}},
+        StepCase{"NameInsert", [](auto &) { QovHostFailNext("YAV_AVL3_Insert_Or_Find", 1, 0); },
                  {"step_q NameTreeInsert Fail.", "[QOV_MERGE_QUE Create] step_q nameInsert Fail",
                   "[QOV_MERGE_QUE Create] step_q init Fail"}},
-        StepCase{"hash", [](auto &) { QovHostFailNext("LITE_HASH_CreateWithLock", 1, 0); },
+        StepCase{"HashCreate", [](auto &) { QovHostFailNext("LITE_HASH_CreateWithLock", 1, 0); },
                  {"[QOV_MERGE_QUE HashCreate] step_q hash new Fail", "[QOV_MERGE_QUE Create] step_q hash create Fail",
                   "[QOV_MERGE_QUE Create] step_q init Fail"}},
-        StepCase{"eventfd", [](auto &) { QovHostFailNext("eventfd_s", 1, -1); },
+        StepCase{"Eventfd", [](auto &) { QovHostFailNext("eventfd_s", 1, -1); },
                  {"step_q Create Eventfd Fail, errno=24", "[QOV_MERGE_QUE Create] step_q hash create Fail"}},
-        StepCase{"element too large", [](auto &p) { p.dataSize = 65536; },
+        StepCase{"ElementTooLarge", [](auto &p) { p.dataSize = 65536; },
                  {"[QOV_MERGE_QUE HashCreate] step_q hash new Fail", "[QOV_MERGE_QUE Create] step_q init Fail"}},
-        StepCase{"epoll add", [](auto &) { QovHostFailNext("QOV_EPOLL_Add", 1, 1); },
+        StepCase{"EpollAdd", [](auto &) { QovHostFailNext("QOV_EPOLL_Add", 1, 1); },
                  {"step_q failed to add epoll", "[QOV_MERGE_QUE Create] step_q hash create Fail"}}),
-    [](const auto &p) { return "Step" + std::to_string(p.index); });
+    qovtest::RowName());
 
 TEST_F(MqTest, NamesAreBoundedAndUnique) {
     std::string n31(31, 'a'), n32(32, 'b');

@@ -86,7 +86,7 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(RaceCase{"InfoReportWhileDestroying", CreateFilled, Destroy, PrintInfo},
                       RaceCase{"DestroyWhileReading", CreateFilled, Destroy, RunReader},
                       RaceCase{"ListReportWhileFirstCreation", ForgetNameTree, CreateAndDestroy, ListAll}),
-    [](const auto &p) { return std::string(p.param.name); });
+    qovtest::RowName());
 
 }  // namespace
 }  // namespace mqtest

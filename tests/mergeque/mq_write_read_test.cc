@@ -1,5 +1,6 @@
 // Merging, read order, the counters of writes and reads, and the signals of
 // the event descriptor.
+#include <string>
 #include <tuple>
 
 #include "mq_fixture.h"
@@ -44,7 +45,12 @@ TEST_P(MqOrderTest, MergedKeyKeepsOrMovesItsPlace) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Write, MqOrderTest,
-                         ::testing::Combine(::testing::Values(0u, 1u, 2u), ::testing::Bool(), ::testing::Bool()));
+                         ::testing::Combine(::testing::Values(0u, 1u, 2u), ::testing::Bool(), ::testing::Bool()),
+                         [](const auto &p) {
+                             return "MoveToTail" + std::to_string(std::get<0>(p.param)) +
+                                    (std::get<1>(p.param) ? "Merge" : "NoMerge") +
+                                    (std::get<2>(p.param) ? "CopyOut" : "Callback");
+                         });
 
 TEST_F(MqTest, SignalsOnlyWhenTurningNonEmptyAndAfterPartialReads) {
     ASSERT_NE(Make(), nullptr);

@@ -23,6 +23,15 @@ size_t FindLine(const std::string &text, size_t from = 0);
 // The journaled calls of op, oldest first.
 std::vector<QovHostCall> Calls(const char *op);
 
+// Names a parameterised test after its row's `name`, so that ctest lists a
+// readable name that stays the same from build to build.
+struct RowName {
+    template <class P>
+    std::string operator()(const ::testing::TestParamInfo<P> &info) const {
+        return info.param.name;
+    }
+};
+
 class HostTest : public ::testing::Test {
 protected:
     void SetUp() override;

@@ -94,7 +94,7 @@ INSTANTIATE_TEST_SUITE_P(
                       GroupCase{"AllKindsAllThreads", {0, 1, 2, 3}, 7, {{0, 1}, {0, 1}, {2, 1}, {2, 2}}},
                       GroupCase{"Kinds02DataOnly", {0, 2}, 1, {{0, 0}, {0, 0}}},
                       GroupCase{"NoKind0", {1}, 7, {}}),
-    [](const auto &p) { return std::string(p.param.name); });
+    qovtest::RowName());
 
 void Notify() {}
 

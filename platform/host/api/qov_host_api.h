@@ -99,6 +99,7 @@ static inline void QovHostFrameHdrEncode(uint8_t *hdr, uint32_t msgId, uint32_t 
 
 /* Writes a whole frame into out (outMax bytes). Returns the frame's length,
  * or 0 when it does not fit or body is null with a non-zero length. */
+/* NOLINTNEXTLINE(bugprone-easily-swappable-parameters): the order of the platform's send calls */
 static inline size_t QovHostFrameEncode(uint8_t *out, size_t outMax, uint32_t msgId, const void *body,
                                         uint32_t msgLen) {
     if (out == NULL || outMax < QOV_HOST_FRAME_HDR_LEN || outMax - QOV_HOST_FRAME_HDR_LEN < msgLen) return 0;
@@ -111,6 +112,7 @@ static inline size_t QovHostFrameEncode(uint8_t *out, size_t outMax, uint32_t ms
 /* Header check: 0 when hdr (12 bytes) is a frame header whose body is at
  * most maxBody bytes, filling *msgId and *msgLen; 1 for a wrong magic, 2 for
  * a body over maxBody. */
+/* NOLINTNEXTLINE(bugprone-easily-swappable-parameters): the two results in the order of the frame header */
 static inline int QovHostFrameHdrDecode(const uint8_t *hdr, uint32_t maxBody, uint32_t *msgId, uint32_t *msgLen) {
     if (QovHostGetU32(hdr) != QOV_HOST_FRAME_MAGIC) return 1;
     uint32_t len = QovHostGetU32(hdr + 8);

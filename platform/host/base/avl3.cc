@@ -19,7 +19,7 @@ inline const void *KeyOf(Node *n, const YAV_AVL3_TREE_INFO *info) {
 }
 
 inline int16_t Height(const Node *n) {
-    return n == nullptr ? 0 : static_cast<int16_t>(1 + (n->lHeight > n->rHeight ? n->lHeight : n->rHeight));
+    return static_cast<int16_t>(n == nullptr ? 0 : 1 + (n->lHeight > n->rHeight ? n->lHeight : n->rHeight));
 }
 
 inline void Fix(Node *n) {
@@ -28,6 +28,7 @@ inline void Fix(Node *n) {
 }
 
 // Puts child where old was under parent (or at the root).
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): parent, old, new: the order of the rotation steps that call it
 void Replace(YAV_AVL3_TREE *tree, Node *parent, Node *old, Node *child) {
     if (parent == nullptr) {
         tree->root = child;

@@ -92,7 +92,7 @@ uint32_t StrideFor(uint32_t size) {
     uint32_t lines = (size + kLine - 1) / kLine;
     for (uint32_t stride = (size + 7) & ~7u;; stride += 8) {
         bool fits = true;
-        for (uint32_t k = 0; k < kLine && fits; ++k) fits = (k * stride) % kLine + size <= lines * kLine;
+        for (uint32_t k = 0; k < kLine && fits; ++k) fits = (size_t{k} * stride) % kLine + size <= lines * kLine;
         if (fits) return stride;
     }
 }
@@ -294,6 +294,7 @@ inline Slot *FindSlot(LITE_HASH_S *h, uint32_t hash, const void *key) {
 }
 
 // The first slot at or after slot i whose hash is hash, or an empty slot.
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): slot and hash of the probe, named at every call
 inline Slot *NextCandidate(const LITE_HASH_S *h, uint32_t i, uint32_t hash) {
     for (;; i = (i + 1) & h->mask) {
         Slot *s = &h->slots[i];
@@ -317,6 +318,7 @@ inline void *FindElem(LITE_HASH_S *h, uint32_t hash, const void *key) {
 inline LITE_HASH_NODE_S *NodeOf(void *elem) { return &(static_cast<ElemHdr *>(elem) - 1)->node; }
 
 // Places an element in the first free slot of its probe run.
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): slot and hash of the probe, named at every call
 inline void Place(Slot *slots, uint32_t mask, uint32_t home, void *elem, uint32_t hash) {
     uint32_t i = home;
     while (slots[i].node.data != nullptr) i = (i + 1) & mask;
@@ -489,6 +491,7 @@ void Trim(LITE_HASH_S *h) {
 
 extern "C" {
 
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): the platform interface fixes the signature
 QOV_PLAT_API LITE_HASH_S *LITE_HASH_CreateWithLock(uint32_t memPtNo, uint16_t elemSize, uint32_t bucketNum,
                                                    LITE_HASH_KEY_FUNC hashFunc, LITE_HASH_CMP_FUNC cmpFunc,
                                                    uint32_t flags) {

@@ -33,6 +33,7 @@ QOV_PLAT_API int memcpy_s(void *dest, size_t destMax, const void *src, size_t co
     return 0;
 }
 
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): the signature of the bounded C library call
 QOV_PLAT_API int memset_s(void *dest, size_t destMax, int c, size_t count) {
     if (BadDest(dest, destMax)) return EINVAL;
     if (count > destMax) return ERANGE;

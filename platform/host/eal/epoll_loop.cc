@@ -77,6 +77,7 @@ void Remove(std::unique_lock<std::mutex> &lk, uint64_t id) {
     t.byId.erase(it);
 }
 
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): the epoll event's data word and events, as epoll reports them
 uint32_t Dispatch(uint64_t id, uint32_t events) {
     Table &t = T();
     Reg reg;
@@ -147,6 +148,7 @@ void EpollForgetSet(int32_t epFd) {
     }
 }
 
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): the platform's epoll call with the loop's stop descriptor
 int32_t EpollRunOnce(int32_t epFd, int32_t timeoutMs, int32_t stopFd, bool *stopped) {
     epoll_event evs[64];
     int n = epoll_wait(epFd, evs, 64, timeoutMs);

@@ -44,11 +44,13 @@ uint32_t Entry(const char *op, void *rec, uint32_t len, std::initializer_list<ui
     return rec != nullptr ? 0 : 1;
 }
 
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): length and kind of the platform's smoothing entries
 uint32_t Begin(const char *op, void *rec, uint32_t len, uint32_t kind, std::initializer_list<uint64_t> extra = {}) {
     Bracket(rec, kind, 1);
     return Entry(op, rec, len, extra);
 }
 
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): length and kind of the platform's smoothing entries
 uint32_t End(const char *op, void *rec, uint32_t len, uint32_t kind, std::initializer_list<uint64_t> extra = {}) {
     Bracket(rec, kind, -1);
     return Entry(op, rec, len, extra);
