@@ -321,7 +321,7 @@ TEST_P(EalPressInside, NoBufferedFrameWhilePressedAllAfterRelease) {
 
 INSTANTIATE_TEST_SUITE_P(At, EalPressInside,
                          ::testing::Values(PressCase{"First", 1}, PressCase{"Middle", 5}, PressCase{"Last", 10}),
-                         [](const auto &i) { return std::string(i.param.name); });
+                         qovtest::RowName());
 
 // ---- Reconnection ----
 enum class Fault { kLateBroker, kBrokerDrops, kOversize, kGarbage };

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <ostream>
 #include <cstdio>
 #include <string>
 #include <thread>
@@ -56,6 +57,8 @@ struct RunCase {
     const char *want;
 };
 
+void PrintTo(const RunCase &c, std::ostream *os) { *os << c.name; }
+
 class LogEchoRuns : public LogEcho, public ::testing::WithParamInterface<RunCase> {};
 
 // Broken by: a repeated line written again, a count off by one, a run's
@@ -71,7 +74,7 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(RunCase{"RunThenOther", {"a", "a", "a", "b"}, "[m] a\nlast message repeated 2 times\n[m] b\n"},
                       RunCase{"RunClosedByFlush", {"a", "b", "b"}, "[m] a\n[m] b\nlast message repeated 1 times\n"},
                       RunCase{"PrefixIsNoRepeat", {"ab", "a", "a b", "a"}, "[m] ab\n[m] a\n[m] a b\n[m] a\n"}),
-    [](const auto &i) { return std::string(i.param.name); });
+    qovtest::RowName());
 
 TEST_F(LogEcho, WrittenByTheTimerWithoutAFlush) {
     KRT_DiagLogWrite("m", "late");

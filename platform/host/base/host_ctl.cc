@@ -47,16 +47,27 @@ constexpr size_t kMaxLogLines = 1u << 16;  // about 35 MB at most: a long run ke
 // per-batch line costs neither a system call nor disk. A crash loses what is
 // buffered: at most one block (kLogBlock bytes), the lines of the last
 // kLogFlushMs, and the count of a run not yet closed.
-constexpr size_t kLogBlock = 16u * 1024u;
+constexpr size_t kLogBlock = size_t{16} * 1024;
 constexpr auto kLogFlushMs = std::chrono::milliseconds(100);
+constexpr size_t kLineMax = sizeof(QovHostLogLine::module) + sizeof(QovHostLogLine::text) + 4;
 
 class LogWriter {
 public:
+    // NOLINTNEXTLINE(bugprone-easily-swappable-parameters): in the order KRT_DiagLogWrite takes them
     void Line(const char *module, const char *text) {
-        char line[sizeof(QovHostLogLine::module) + sizeof(QovHostLogLine::text) + 8];
-        int n = std::snprintf(line, sizeof line, "[%s] %s\n", module != nullptr ? module : "", text);
-        if (n < 0) return;
-        size_t len = std::min(static_cast<size_t>(n), sizeof line - 1);
+        // "[module] text\n", each part cut to the captured line's fields.
+        char line[kLineMax];
+        size_t len = 0;
+        auto put = [&](const char *part, size_t max) {
+            size_t n = strnlen(part, max);
+            std::memcpy(line + len, part, n);
+            len += n;
+        };
+        put("[", 1);
+        put(module != nullptr ? module : "", sizeof(QovHostLogLine::module) - 1);
+        put("] ", 2);
+        put(text, sizeof(QovHostLogLine::text) - 1);
+        put("\n", 1);
         std::lock_guard<std::mutex> lk(mu_);
         if (len == lastLen_ && std::memcmp(line, last_, len) == 0) {
             ++repeats_;
@@ -132,7 +143,7 @@ private:
     bool timerWaiting_ = false;  // lines wait for the timer's flush
     char buf_[kLogBlock];
     size_t used_ = 0;
-    char last_[sizeof(QovHostLogLine::module) + sizeof(QovHostLogLine::text) + 8];
+    char last_[kLineMax];
     size_t lastLen_ = 0;
     uint32_t repeats_ = 0;
 };
