@@ -37,6 +37,7 @@ static const char g_usage[] =
     "  --csv FILE      time series every 100 ms (tools/plot_csv.sh makes a PNG of it)\n"
     "  --log FILE      where the library's and the platform's log lines go (default\n"
     "                  orch_demo.log; - for the terminal)\n"
+    "  --ctl PATH      open the control endpoint at PATH (a Unix socket) for qovctl\n"
     "  --connect PORT  use a running qov_broker (DAM on PORT, FES on PORT+1) instead of\n"
     "                  the built-in one; give it the same --keys and --seed\n"
     "  --help          this text\n";
@@ -63,7 +64,8 @@ typedef struct Demo {
     uint64_t endInfo[PATHS][3]; /* messages, entries, digest from the broker; after endSeen */
     _Atomic int reportWanted, reportDone;
     char report[8192];
-    uint64_t hist[HIST_BUCKETS]; /* send-to-handler latency, Data thread only */
+    uint64_t hist[PATHS][HIST_BUCKETS]; /* send-to-handler latency per path, Data thread only */
+    uint64_t histSumUs[PATHS];
     _Atomic uint64_t firstRecvUs, lastDeliverUs;
     _Atomic uint64_t liveBytes, peakBytes;
 } Demo;
@@ -156,7 +158,9 @@ static uint32_t OnRoute(ASOrchHandle *hdl, ASOrchMergeMsgVec *vec) {
     g_demo.gotSeq[key] = e.seq;
     g_demo.gotOp[key] = vec->opType == 1 ? QOV_WL_DEL : QOV_WL_SET;
     uint64_t now = QovBrokerNowUs();
-    g_demo.hist[HistBucket((uint32_t)now - e.sentUs)]++;
+    uint32_t path = vec->msgId == QOV_WL_MERGE_FES, us = (uint32_t)now - e.sentUs;
+    g_demo.hist[path][HistBucket(us)]++;
+    g_demo.histSumUs[path] += us;
     atomic_fetch_add_explicit(&g_demo.perOp[vec->opType], 1, memory_order_relaxed);
     atomic_fetch_add_explicit(&g_demo.delivered, 1, memory_order_relaxed);
     atomic_store_explicit(&g_demo.lastDeliverUs, now, memory_order_relaxed);
@@ -242,15 +246,55 @@ static void OnSample(uint64_t usrData) {
     }
 }
 
+/* The demo's own metrics for the control endpoint, on the Data thread (where
+ * the histograms are kept): send-to-handler latency per path as a Prometheus
+ * histogram with 1-2-5 bounds from 1 us to 10 s. */
+static uint32_t DemoMetrics(void *ctx, char *buf, uint32_t size) {
+    (void)ctx;
+    uint32_t n = 0;
+    int w = snprintf(buf, size,
+                     "# HELP qov_path_latency_seconds Time from the broker's send to the handler, per path.\n"
+                     "# TYPE qov_path_latency_seconds histogram\n");
+    for (uint32_t p = 0; w > 0 && p < PATHS; ++p) {
+        n += (uint32_t)w;
+        char name[MERGE_QUE_NAME_LEN];
+        QueueName(p, name, sizeof(name));
+        uint64_t below = 0;
+        unsigned b = 0;
+        static const uint64_t kLeUs[] = {1,     2,     5,     10,     20,     50,     100,     200,
+                                         500,   1000,  2000,  5000,   10000,  20000,  50000,   100000,
+                                         200000, 500000, 1000000, 2000000, 5000000, 10000000};
+        for (unsigned k = 0; k < sizeof(kLeUs) / sizeof(kLeUs[0]); ++k) {
+            uint64_t le = kLeUs[k];
+            /* Bucket b holds values from HistValue(b) up to below HistValue(b + 1). */
+            while (b < HIST_BUCKETS && (b + 1 == HIST_BUCKETS ? UINT64_MAX : HistValue(b + 1)) <= le + 1)
+                below += g_demo.hist[p][b++];
+            w = snprintf(buf + n, size - n, "qov_path_latency_seconds_bucket{queue=\"%s\",le=\"%g\"} %" PRIu64 "\n",
+                         name, (double)le / 1e6, below);
+            if (w <= 0 || (uint32_t)w >= size - n) return n;
+            n += (uint32_t)w;
+        }
+        uint64_t total = 0;
+        for (unsigned i = 0; i < HIST_BUCKETS; ++i) total += g_demo.hist[p][i];
+        w = snprintf(buf + n, size - n,
+                     "qov_path_latency_seconds_bucket{queue=\"%s\",le=\"+Inf\"} %" PRIu64 "\n"
+                     "qov_path_latency_seconds_sum{queue=\"%s\"} %.6f\n"
+                     "qov_path_latency_seconds_count{queue=\"%s\"} %" PRIu64 "\n",
+                     name, total, name, (double)g_demo.histSumUs[p] / 1e6, name, total);
+        if (w <= 0 || (uint32_t)w >= size - n) return n;
+    }
+    return w > 0 ? n + (uint32_t)w : n;
+}
+
 /* ---- Set-up ---- */
 
 typedef struct Options {
     uint64_t keys, rate, duration, flood, handlerNs, high, low, threads, seed, connect, entries;
-    const char *csv, *log;
+    const char *csv, *log, *ctl;
 } Options;
 
 static int ParseOptions(int argc, char **argv, Options *o) {
-    *o = (Options){100000, 4000, 6000, 2500, 1500, 20000, 5000, 3, 1, 0, 0, NULL, "orch_demo.log"};
+    *o = (Options){100000, 4000, 6000, 2500, 1500, 20000, 5000, 3, 1, 0, 0, NULL, "orch_demo.log", NULL};
     const struct {
         const char *name;
         uint64_t *value, lo, hi;
@@ -268,8 +312,8 @@ static int ParseOptions(int argc, char **argv, Options *o) {
             fputs(g_usage, stdout);
             exit(0);
         }
-        if ((strcmp(arg, "--csv") == 0 || strcmp(arg, "--log") == 0) && i + 1 < argc) {
-            *(arg[2] == 'c' ? &o->csv : &o->log) = argv[++i];
+        if ((strcmp(arg, "--csv") == 0 || strcmp(arg, "--log") == 0 || strcmp(arg, "--ctl") == 0) && i + 1 < argc) {
+            *(strcmp(arg, "--csv") == 0 ? &o->csv : strcmp(arg, "--log") == 0 ? &o->log : &o->ctl) = argv[++i];
             continue;
         }
         size_t k = 0, n = sizeof(opts) / sizeof(opts[0]);
@@ -331,9 +375,9 @@ static uint32_t Register(ASOrchHandle *hdl, const Options *o, const uint16_t por
 
 static uint64_t Percentile(double q) {
     uint64_t total = 0, seen = 0;
-    for (unsigned b = 0; b < HIST_BUCKETS; ++b) total += g_demo.hist[b];
+    for (unsigned b = 0; b < HIST_BUCKETS; ++b) total += g_demo.hist[0][b] + g_demo.hist[1][b];
     for (unsigned b = 0; b < HIST_BUCKETS; ++b) {
-        seen += g_demo.hist[b];
+        seen += g_demo.hist[0][b] + g_demo.hist[1][b];
         if (total != 0 && (double)seen >= q * (double)total) return HistValue(b);
     }
     return 0;
@@ -468,15 +512,23 @@ int main(int argc, char **argv) {
     up = up && ASOrchStart(hdl) == 0;
     int32_t epFd = up ? ASOrchGetEpollFd(hdl, 0) : -1;
     int32_t timerFd = up ? QOV_TIMER_Create(100, (uint64_t)(uintptr_t)OnSample, 0, epFd) : -1;
+    /* The control endpoint, for qovctl: the library's own reports, the host's
+     * counters and the demo's latency histograms, answered on the Data thread. */
+    QovHostCtlPara ctl = {QOV_PrintMergeQueListAll, QOV_PrintMergeQueInfo, NULL, 0, 0, DemoMetrics, NULL};
+    if (timerFd >= 0 && o.ctl != NULL && QovHostCtlOpen(ASOrchGetEalHdl(hdl), o.ctl, &ctl) != 0) {
+        printf("orch_demo: cannot open the control endpoint at %s\n", o.ctl);
+        QovHostTimerCancel(epFd, timerFd);
+        timerFd = -1;
+    }
     if (timerFd < 0) {
         printf("orch_demo: could not bring the orchestrator up (the log lines in %s say why)\n", o.log);
         ASOrchDestroy(hdl);
         return 1;
     }
     printf("orch_demo: %u keys, broker on 127.0.0.1:%u (DAM) and :%u (FES)%s, high/low water %" PRIu64 "/%" PRIu64
-           ", handler %" PRIu64 " ns, thread mask 0x%" PRIx64 ", log lines in %s\n",
+           ", handler %" PRIu64 " ns, thread mask 0x%" PRIx64 ", log lines in %s%s%s\n",
            g_demo.keys, ports[0], ports[1], external ? " (external)" : "", o.high, o.low, o.handlerNs, o.threads,
-           strcmp(o.log, "-") != 0 ? o.log : "the terminal");
+           strcmp(o.log, "-") != 0 ? o.log : "the terminal", o.ctl ? ", control endpoint " : "", o.ctl ? o.ctl : "");
     int started = 0;
     while (!external && started < PATHS && pthread_create(&br[started].thread, NULL, BrokerThread, &br[started]) == 0)
         ++started;
@@ -526,6 +578,7 @@ int main(int argc, char **argv) {
     }
 
     /* Stop feeding the handle, then destroy it; the broker sees the connections close. */
+    if (o.ctl != NULL) QovHostCtlClose(ASOrchGetEalHdl(hdl));
     QovHostTimerCancel(epFd, timerFd);
     for (uint32_t p = 0; p < PATHS; ++p) QovHostChanSetRecv(ASOrchGetEalHdl(hdl), p, NULL, NULL);
     PrintSummary(secs, br, external);

@@ -26,8 +26,7 @@ ASOrchCreatePara Para() { return ASOrchCreatePara{7, 3, TestAlloc, TestFree, 9};
 class Lifecycle : public HostTest {
 protected:
     void TearDown() override {
-        EXPECT_EQ(g_AutoSyncCtrlBlkNameHead.count, 0u) << "a name stayed registered";
-        EXPECT_EQ(AllocOutstanding(), 0) << "memory stayed allocated";
+        EXPECT_EQ(AllocOutstanding(), 0) << "memory (a registry node, a handle) stayed allocated";
         HostTest::TearDown();
     }
     // Creates and destroys name, proving that the name is free.
@@ -44,10 +43,6 @@ TEST_F(Lifecycle, CreateLogsEachStepAndDestroyReleasesEverything) {
     ASOrchHandle *hdl = ASOrchCreate("orchA", &p);
     ASSERT_NE(hdl, nullptr);
     EXPECT_STREQ(reinterpret_cast<const char *>(hdl), "orchA");
-    EXPECT_EQ(hdl->ondemandParam, UINT64_MAX);
-    EXPECT_EQ(hdl->memPtNo, 3u);
-    EXPECT_EQ(hdl->threadMask, 0u);
-    EXPECT_EQ(g_AutoSyncCtrlBlkNameHead.count, 1u);
     EXPECT_EQ(qovtest::AllocCount(), 2u) << "registry node and handle; CreateFailure fails each";
     void *eal = ASOrchGetEalHdl(hdl);
     ASSERT_NE(eal, nullptr);
@@ -137,7 +132,6 @@ TEST_F(Lifecycle, DuplicateNameIsRefusedUntilTheFirstIsDestroyed) {
     ASSERT_NE(first, nullptr);
     EXPECT_EQ(ASOrchCreate("dup", &p), nullptr);
     EXPECT_TRUE(HasLine("dup, Create Orch autosync Fail, add module fail"));
-    EXPECT_EQ(g_AutoSyncCtrlBlkNameHead.count, 1u);
     ASOrchDestroy(first);
     ExpectCreatable("dup");
 }
@@ -156,7 +150,6 @@ TEST_P(CreateFailure, LeavesNothingBehind) {
     ASOrchCreatePara p = Para();
     EXPECT_EQ(ASOrchCreate("orchF", &p), nullptr);
     EXPECT_EQ(Logs(), GetParam().lines);
-    EXPECT_EQ(g_AutoSyncCtrlBlkNameHead.count, 0u);
     EXPECT_EQ(AllocOutstanding(), 0);
     QovHostFailClear();
     QovHostSetOrchIdEntry(1);
@@ -245,14 +238,6 @@ TEST_P(Forwarders, ReportThePlatformResult) {
     EXPECT_EQ(calls[0].arg[0], reinterpret_cast<uintptr_t>(ASOrchGetEalHdl(hdl_)));
 }
 
-TEST_P(Forwarders, RefuseAHandleWithoutEal) {
-    void *eal = hdl_->ealHdl;
-    hdl_->ealHdl = nullptr;
-    EXPECT_EQ(GetParam().call(hdl_), 1u);
-    hdl_->ealHdl = eal;
-    EXPECT_EQ(qovtest::Calls(GetParam().op).size(), 0u);
-}
-
 INSTANTIATE_TEST_SUITE_P(InitStart, Forwarders,
                          ::testing::Values(ForwardCase{"QOV_EAL_Init", ASOrchInit, "live, Init Orch autosync Fail",
                                                        "live, Init Orch autosync ok"},
@@ -264,7 +249,6 @@ INSTANTIATE_TEST_SUITE_P(InitStart, Forwarders,
 TEST_F(Live, OndemandAndModInitOkPassThePlatformResultThrough) {
     QovHostFailNext("QOV_EAL_SetOndemandParam", 1, 9);
     EXPECT_EQ(ASOrchSetOndemandParam(hdl_, 0xABCD), 9u);
-    EXPECT_EQ(hdl_->ondemandParam, 0xABCDu);
     auto calls = qovtest::Calls("QOV_EAL_SetOndemandParam");
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_EQ(calls[0].arg[1], 0xABCDu);

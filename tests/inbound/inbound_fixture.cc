@@ -5,6 +5,8 @@ namespace {
 
 std::set<void *> g_live;
 
+}  // namespace
+
 void *TrackAlloc(uint32_t size) {
     void *p = qovtest::TestAlloc(size);
     if (p != nullptr) g_live.insert(p);
@@ -15,8 +17,6 @@ void TrackFree(void *p) {
     g_live.erase(p);
     qovtest::TestFree(p);
 }
-
-}  // namespace
 
 const std::set<void *> &LiveBlocks() { return g_live; }
 

@@ -11,7 +11,9 @@
 
 namespace inboundtest {
 
-// Live blocks of the fixture's allocator.
+// The fixture's allocator, and its live blocks.
+void *TrackAlloc(uint32_t size);
+void TrackFree(void *p);
 const std::set<void *> &LiveBlocks();
 
 class InboundTest : public qovtest::HostTest {

@@ -14,8 +14,6 @@ using qovtest::Logs;
 
 uint32_t Smooth4(uint32_t, uint32_t, void *, uint32_t) { return 0; }
 uint32_t Smooth4b(uint32_t, uint32_t, void *, uint32_t) { return 0; }
-uint32_t Smooth5(uint32_t, uint32_t, uint32_t, void *, uint32_t) { return 0; }
-uint32_t Smooth5b(uint32_t, uint32_t, uint32_t, void *, uint32_t) { return 0; }
 uint32_t TblProc(ASOrchHandle *, void *, uint32_t, uint32_t, ASOrchTblMsgInfo *) { return 0; }
 uint32_t UserDef(ASOrchHandle *, void *, uint32_t, ASOrchUserDefInfo *) { return 0; }
 
@@ -86,21 +84,11 @@ TEST_P(TblMsgListTest, ListsNotInUseAreSkippedSilently) {
     ASSERT_EQ(RegBase(base), 0u);
     size_t blocks = (c.recv0 || c.recv1) + (c.trans0 || c.trans1) + c.recv0 + c.recv1 + c.trans0 + c.trans1;
     EXPECT_EQ(kept_.size(), blocks);
-    EXPECT_EQ(hdl_->recvTblMsgHash != nullptr, c.recv0 || c.recv1);
-    EXPECT_EQ(hdl_->transTblMsgHash != nullptr, c.trans0 || c.trans1);
     size_t before = Logs().size();
     EXPECT_EQ(ASOrchGetTblMsgRecv(hdl_, 1) != nullptr, c.recv0);
     EXPECT_EQ(ASOrchGetTblMsgRecv(hdl_, 3) != nullptr, c.recv1);
-    TblMsgCtrlTrans *fes = ASOrchGetTblMsgTrans(hdl_, 3);
-    ASSERT_EQ(fes != nullptr, c.trans1);
-    if (fes != nullptr) {
-        EXPECT_EQ(fes->dataPath, 1u);
-    }
-    TblMsgCtrlTrans *dam = ASOrchGetTblMsgTrans(hdl_, 1);
-    ASSERT_EQ(dam != nullptr, c.trans0);
-    if (dam != nullptr) {
-        EXPECT_EQ(dam->dataPath, 0u);
-    }
+    EXPECT_EQ(ASOrchGetTblMsgTrans(hdl_, 1) != nullptr, c.trans0);
+    EXPECT_EQ(ASOrchGetTblMsgTrans(hdl_, 3) != nullptr, c.trans1);
     if (!(c.recv0 || c.recv1 || c.trans0 || c.trans1)) {
         EXPECT_EQ(before, 0u) << "skipping logs nothing";
     }
@@ -137,9 +125,8 @@ TEST_F(TblMsgRegTest, ADuplicateIdDropsTheWholeTable) {
         size_t at = qovtest::FindLine(add);
         ASSERT_NE(at, std::string::npos);
         EXPECT_EQ(qovtest::FindLine("orchI, Orch auto sync create tblmsg hash Fail"), at + 1);
-        EXPECT_EQ(c.inRecv ? hdl_->recvTblMsgHash : hdl_->transTblMsgHash, nullptr);
         EXPECT_EQ(ASOrchGetTblMsgRecv(hdl_, 1) != nullptr, !c.inRecv) << "entries registered before are gone too";
-        EXPECT_EQ(hdl_->transTblMsgHash == nullptr, true) << "transfer lists come after the receive lists";
+        EXPECT_EQ(ASOrchGetTblMsgTrans(hdl_, 3), nullptr) << "the transfer table, registered last, is not there";
         recv0_ = {Recv(1), Recv(2)};
         recv1_ = {Recv(3)};
         trans1_ = {Trans(2), Trans(3)};
@@ -160,7 +147,6 @@ TEST_F(TblMsgRegTest, RunTimeRegistrationKeepsWhatCameBefore) {
     qovtest::AllocFailAt(allocs + 3);
     EXPECT_EQ(RegTrans(0, t, 1), 1u);
     EXPECT_TRUE(qovtest::HasLine("Orch auto sync trans tbl new msg failed to new HashNode"));
-    EXPECT_NE(hdl_->transTblMsgHash, nullptr) << "the created table stays";
     EXPECT_EQ(RegTrans(1, t, 4), 1u);
     EXPECT_TRUE(qovtest::HasLine("Orch autosync trans add HashNode(40) fail"));
     EXPECT_NE(ASOrchGetTblMsgTrans(hdl_, 41), nullptr);
@@ -194,56 +180,25 @@ TEST_P(TblMsgAllocTest, EachAllocationFailureIsCleanAndLogged) {
     }
     EXPECT_EQ(r, 1u);
     EXPECT_EQ(kept_.size(), static_cast<size_t>(k - 1)) << "memory taken before the failure stays";
-    EXPECT_EQ(hdl_->recvTblMsgHash != nullptr, k > 3);
-    EXPECT_EQ(hdl_->transTblMsgHash, nullptr);
-    auto logs = Logs();
     std::vector<std::string> want{lines[k - 1][0]};
     if (lines[k - 1][1] != nullptr) want.push_back(lines[k - 1][1]);
-    EXPECT_EQ(logs, want);
+    EXPECT_EQ(Logs(), want);
+    EXPECT_EQ(ASOrchGetTblMsgRecv(hdl_, 1) != nullptr, k > 3);
+    EXPECT_EQ(ASOrchGetTblMsgTrans(hdl_, 1), nullptr);
 }
 
 INSTANTIATE_TEST_SUITE_P(, TblMsgAllocTest, ::testing::Range(1, 8),
                          [](const auto &p) { return "Fail" + std::to_string(p.param); });
 
-TEST_F(TblMsgRegTest, CallbacksLandInTheSlotsOfTheirRoute) {
-    ASOrchBasePara base{};
-    base.transTblMsgList[1] = List(trans0_.data(), 1);  // table 1 through the base registration, FES
-    ASSERT_EQ(RegBase(base), 0u);
-    ASOrchTransTblMsg late{7, 12, {}, {}, 77, TblProc};
-    late.smoothPreProc.withType = Smooth5;
-    late.smoothProc.withType = Smooth5b;
-    ASSERT_EQ(RegTrans(0, &late, 1), 0u);
-    TblMsgCtrlTrans *b = ASOrchGetTblMsgTrans(hdl_, 1);
-    TblMsgCtrlTrans *r = ASOrchGetTblMsgTrans(hdl_, 7);
-    ASSERT_NE(b, nullptr);
-    ASSERT_NE(r, nullptr);
-    using S4 = decltype(&Smooth4);
-    using S5 = decltype(&Smooth5);
-    auto slots = [](const TblMsgCtrlTrans *t) {
-        return std::make_tuple(t->smoothPreProc, t->smoothProc, t->smoothPreProcWithType, t->smoothProcWithType);
-    };
-    EXPECT_EQ(slots(b), std::make_tuple(&Smooth4, &Smooth4b, S5{}, S5{}));
-    EXPECT_EQ(slots(r), std::make_tuple(S4{}, S4{}, &Smooth5, &Smooth5b));
-    EXPECT_EQ(std::make_tuple(b->tableId, b->tblSize, b->tblParam, b->dataPath, b->version),
-              std::make_tuple(1u, 24u, 10u, 1u, 0u));
-    EXPECT_EQ(std::make_tuple(r->tableId, r->tblSize, r->tblParam, r->dataPath, r->version),
-              std::make_tuple(7u, 12u, 77u, 0u, 0u));
-    EXPECT_EQ(b->tblMsgProc, &TblProc);
-}
-
-TEST_F(TblMsgRegTest, VersionsCountFromOneAndWrap) {
+TEST_F(TblMsgRegTest, VersionsCountFromOnePerId) {
     ASOrchBasePara base = Full();
     ASSERT_EQ(RegBase(base), 0u);
     struct Kind {
         uint32_t (*inc)(ASOrchHandle *, uint32_t, uint32_t *);
-        uint32_t *(*slot)(ASOrchHandle *, uint32_t);
         const char *unknownLine;
     } kinds[] = {
-        {ASOrchIncTblMsgVersion, [](ASOrchHandle *h, uint32_t id) { return &ASOrchGetTblMsgRecv(h, id)->version; },
-         "Orch set tblmsg version failed. msgId:99"},
-        {ASOrchIncTransTblMsgVersion,
-         [](ASOrchHandle *h, uint32_t id) { return &ASOrchGetTblMsgTrans(h, id)->version; },
-         "Orch set tblmsg version failed. tableId:99"},
+        {ASOrchIncTblMsgVersion, "Orch set tblmsg version failed. msgId:99"},
+        {ASOrchIncTransTblMsgVersion, "Orch set tblmsg version failed. tableId:99"},
     };
     for (const Kind &k : kinds) {
         uint32_t v = 123;
@@ -251,10 +206,8 @@ TEST_F(TblMsgRegTest, VersionsCountFromOneAndWrap) {
         EXPECT_EQ(v, 1u);
         EXPECT_EQ(k.inc(hdl_, 2, &v), 0u);
         EXPECT_EQ(v, 2u);
-        EXPECT_EQ(*k.slot(hdl_, 3), 0u) << "each id counts on its own";
-        *k.slot(hdl_, 3) = UINT32_MAX;
         EXPECT_EQ(k.inc(hdl_, 3, &v), 0u);
-        EXPECT_EQ(v, 0u);
+        EXPECT_EQ(v, 1u) << "each id counts on its own";
         v = 123;
         EXPECT_EQ(k.inc(hdl_, 99, &v), 1u);
         EXPECT_EQ(v, 123u) << "nothing stored for an unknown id";
@@ -266,7 +219,7 @@ TEST_F(TblMsgRegTest, VersionsCountFromOneAndWrap) {
     }
 }
 
-// Keys 5, 133 and 261 share bucket 5; each record is a copy of its descriptor.
+// Keys 5, 133 and 261 share bucket 5.
 TEST_F(TblMsgRegTest, KeysSharingABucketAreEachFound) {
     std::vector<ASOrchRecvTblMsg> recv{Recv(5), Recv(133)};
     std::vector<ASOrchTransTblMsg> trans{Trans(133), Trans(5)};
@@ -274,16 +227,9 @@ TEST_F(TblMsgRegTest, KeysSharingABucketAreEachFound) {
     base.recvTblMsgList[0] = List(recv.data(), 2);
     base.transTblMsgList[0] = List(trans.data(), 2);
     ASSERT_EQ(RegBase(base), 0u);
-    recv.assign(2, ASOrchRecvTblMsg{});  // the caller's array is not referenced afterwards
-    auto fields = [](const auto &r) {
-        return std::make_tuple(r.mergeMsgId, r.msgId, r.opType, r.unpack, r.unpackFree, r.ipcSize, r.mergeType,
-                               r.userDefProc, r.mergeOp, r.keySize);
-    };
     for (uint32_t id : {5u, 133u}) {
-        ASSERT_NE(ASOrchGetTblMsgRecv(hdl_, id), nullptr);
-        EXPECT_EQ(fields(*ASOrchGetTblMsgRecv(hdl_, id)), fields(Recv(id)));
-        ASSERT_NE(ASOrchGetTblMsgTrans(hdl_, id), nullptr);
-        EXPECT_EQ(ASOrchGetTblMsgTrans(hdl_, id)->tableId, id);
+        EXPECT_NE(ASOrchGetTblMsgRecv(hdl_, id), nullptr) << id;
+        EXPECT_NE(ASOrchGetTblMsgTrans(hdl_, id), nullptr) << id;
     }
     EXPECT_EQ(ASOrchGetTblMsgRecv(hdl_, 261), nullptr);
     EXPECT_TRUE(qovtest::HasLine("OrchGetTblMsgCtrl from hash failed, unknown key 261."));

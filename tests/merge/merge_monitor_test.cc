@@ -43,7 +43,7 @@ TEST_P(MonitorTest, OverloadPressesSourceAndDrainReleasesIt) {
     const char *release = c.isMb ? "QOV_CHAN_UnBackPress" : "QOV_EAL_SyncUnBackPress";
     // The channel handle, or (eal, group id 0).
     auto target = [&](const QovHostCall &call) { return c.isMb ? call.arg[0] : call.arg[1]; };
-    uint64_t want = c.isMb ? reinterpret_cast<uint64_t>(QOV_EAL_GetChannelHdl(hdl_->ealHdl, c.path)) : 0;
+    uint64_t want = c.isMb ? reinterpret_cast<uint64_t>(QOV_EAL_GetChannelHdl(ASOrchGetEalHdl(hdl_), c.path)) : 0;
 
     for (int i = 0; i < 5; ++i) ASSERT_EQ(Put(c.path, 100, 0, std::to_string(i)), 0u);
     EXPECT_TRUE(HasLine("Orch autosync MQUE monitor : 0, channelId " + std::to_string(c.path) + "."));

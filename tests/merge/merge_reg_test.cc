@@ -9,19 +9,22 @@ using mergetest::FesPara;
 using mergetest::MergeTest;
 using qovtest::HasLine;
 
+// The FES path alone: its queue is read on the Data thread's epoll set and
+// dispatches by msgId; the DAM path takes nothing.
 TEST_F(MergeTest, OnlyFesValid) {
     ASOrchMergePara dam = DamPara();
     dam.hashFunc = nullptr;
     ASSERT_EQ(Reg(dam, FesPara()), 0u);
-    const auto *recs = ASOrchMergeRecs(hdl_);
-    EXPECT_EQ(recs[0].mergeQue, nullptr);
-    EXPECT_EQ(recs[0].dispatchHash, nullptr);
-    EXPECT_EQ(recs[0].hashSize, 0u);
-    EXPECT_EQ(recs[1].hashSize, 8192u) << "hashSize 0 means 8192";
-    EXPECT_EQ(recs[1].epFd, ASOrchGetEpollFd(hdl_, 0));
-    EXPECT_NE(ASIntHashFind(recs[1].dispatchHash, 101), nullptr);
     EXPECT_TRUE(HasLine("orchM, orchM_FES Register Orch autosync create MQUE ok"));
     EXPECT_TRUE(HasLine("orchM, 1 Register Orch autosync FES MQUE Monitor ok"));
+    EXPECT_EQ(Put(AS_ORCH_MERGE_DAM, 100, 0, "k"), 1u);
+    ASSERT_EQ(Put(AS_ORCH_MERGE_FES, 101, 0, "k"), 0u);
+    EXPECT_EQ(Drain().size(), 1u);
+    ASSERT_EQ(mergetest::g_seen.size(), 1u);
+    EXPECT_EQ(mergetest::g_seen[0].msgId, 101u);
+    ASOrchMergeMsgVec empty = mergetest::Vec(0, 0, "");
+    EXPECT_EQ(ASOrchMergeHashFunc(hdl_, AS_ORCH_MERGE_FES, &empty), 1950u) << "hashSize 0 means 8192";
+    EXPECT_EQ(ASOrchMergeHashFunc(hdl_, AS_ORCH_MERGE_DAM, &empty), 1493338014u) << "no buckets: no modulo";
 }
 
 TEST_F(MergeTest, NeitherValid) {
@@ -29,8 +32,8 @@ TEST_F(MergeTest, NeitherValid) {
     noTbl.dispatchTbl = nullptr;
     noNum.dispatchNum = 0;
     EXPECT_EQ(Reg(noTbl, noNum), 0u);
-    EXPECT_EQ(hdl_->mergeHandle, nullptr);
     EXPECT_EQ(ASOrchMergeBackPress(hdl_, 0), 1u);
+    EXPECT_EQ(Put(AS_ORCH_MERGE_FES, 100, 0, "k"), 1u);
 }
 
 struct FailCase {
@@ -62,8 +65,8 @@ TEST_P(FesFailTest, StepFailsAndReleasesBothPaths) {
     EXPECT_EQ(Reg(DamPara(), fes), 1u);
     EXPECT_TRUE(HasLine(GetParam().line));
     EXPECT_TRUE(HasLine("orchM, Orch auto sync free merge handle ok."));
-    EXPECT_EQ(hdl_->mergeHandle, nullptr);
     EXPECT_EQ(qovtest::AllocOutstanding(), before);
+    EXPECT_EQ(ASOrchMergeBackPress(hdl_, 0), 1u) << "no path is left";
     MergeQueCtrlBlk *dam = QOV_MergeQueCreate("orchM_DAM", &qp);
     EXPECT_NE(dam, nullptr) << "the DAM queue's name is free again";
     QOV_MergeQueDestory(dam);
@@ -82,12 +85,12 @@ TEST_F(MergeTest, EveryAllocationFailureIsCleanAndLeavesNothing) {
         uint32_t ret = Reg(DamPara(), FesPara());
         qovtest::AllocFailAt(0);
         if (ret == 0) break;
-        EXPECT_EQ(hdl_->mergeHandle, nullptr) << k;
         EXPECT_EQ(qovtest::AllocOutstanding(), before) << k;
         auto logs = qovtest::Logs();
         ASSERT_FALSE(logs.empty());
         bool freed = logs.back() == "orchM, Orch auto sync free merge handle ok.";
         EXPECT_TRUE(freed || logs.back() == "orchM, 0 malloc auto sync merge handle failed.") << logs.back();
+        EXPECT_EQ(ASOrchMergeBackPress(hdl_, 0), 1u) << "no path is left after allocation " << k;
     }
     EXPECT_EQ(failures, 9u) << "block, then per path: table, 2 nodes, queue";
 }

@@ -12,24 +12,27 @@ using qovtest::HasLine;
 constexpr uint32_t kMerged[4][4] = {{0, 1, 2, 3}, {2, 1, 2, 3}, {2, 1, 2, 3}, {0, 1, 2, 3}};
 constexpr char kKind[4][5] = {"RREA", "RREA", "RREA", "EEEA"};
 
-class RuleTest : public qovtest::HostTest, public ::testing::WithParamInterface<std::tuple<uint32_t, uint32_t>> {};
+class RuleTest : public mergetest::MergeTest, public ::testing::WithParamInterface<std::tuple<uint32_t, uint32_t>> {};
 
-TEST_P(RuleTest, NotifyCombinesOpsAndFreesStoredBuffer) {
+// A queued entry met by a second write of its key: the handler sees the merged
+// op once, and the first write's buffer goes at the merge.
+TEST_P(RuleTest, QueuedEntryEndsWithTheCombinedOp) {
     auto [st, in] = GetParam();
     const char kind = kKind[st][in];
     uint32_t merged = 0xAA;
     EXPECT_EQ(ASOrchGetMergeRule(st, in, &merged), kind == 'R' ? 0u : 1u);
     EXPECT_EQ(merged, kind == 'R' ? kMerged[st][in] : 0xAAu) << "nothing written without a row";
 
-    ASOrchHandle hdl{};
-    hdl.memFree = qovtest::TestFree;
-    ASOrchMergeMsgVec stored{7, st, static_cast<uint8_t *>(qovtest::TestAlloc(4)), 4, nullptr, 0, 0, &hdl};
-    ASOrchMergeMsgVec incoming{7, in, nullptr, 4, nullptr, 0, 0, &hdl};
-    ASOrchPubMergeNotify(&incoming, &stored);
-    EXPECT_EQ(incoming.opType, kMerged[st][in]);
-    EXPECT_EQ(stored.key, nullptr);
-    EXPECT_EQ(qovtest::AllocOutstanding(), 0);
-    EXPECT_EQ(HasLine("Orch autosync merge notify is ageinfo error, msgId 7"), kind == 'A');
+    ASSERT_EQ(Reg(mergetest::DamPara(), mergetest::FesPara()), 0u);
+    const int64_t base = qovtest::AllocOutstanding();
+    ASSERT_EQ(Put(AS_ORCH_MERGE_DAM, 100, st, "k", "stored"), 0u);
+    ASSERT_EQ(Put(AS_ORCH_MERGE_DAM, 100, in, "k", "incoming"), 0u);
+    EXPECT_EQ(qovtest::AllocOutstanding(), base + 1);
+    Drain();
+    ASSERT_EQ(mergetest::g_seen.size(), 1u);
+    EXPECT_EQ(mergetest::g_seen[0].opType, kMerged[st][in]);
+    EXPECT_EQ(qovtest::AllocOutstanding(), base);
+    EXPECT_EQ(HasLine("Orch autosync merge notify is ageinfo error, msgId 100"), kind == 'A');
     EXPECT_EQ(HasLine("Orch autosync merge notify get rule error"), kind == 'E');
 }
 
@@ -39,34 +42,38 @@ INSTANTIATE_TEST_SUITE_P(AllPairs, RuleTest, ::testing::Combine(::testing::Range
                                     std::to_string(std::get<1>(p.param));
                          });
 
+// Buckets of a handle whose DAM path has 8192 (or is not set up: no modulo).
 struct BucketCase {
     const char *name;
     std::vector<uint8_t> key;
-    uint32_t msgId, version, buckets, mergeType, expect;
+    uint32_t msgId, version, mergeType;
+    bool damSetUp;
+    uint32_t expect;
 };
 
-class BucketTest : public ::testing::TestWithParam<BucketCase> {};
+class BucketTest : public mergetest::MergeTest, public ::testing::WithParamInterface<BucketCase> {};
 
 TEST_P(BucketTest, KnownValues) {
     const BucketCase &c = GetParam();
-    ASOrchMergeRec recs[2] = {{0, nullptr, c.buckets, nullptr}, {0, nullptr, 5, nullptr}};
-    ASOrchHandle hdl{};
-    hdl.mergeHandle = recs;
+    ASOrchMergePara dam = mergetest::DamPara();
+    dam.hashSize = 8192;
+    if (!c.damSetUp) dam.hashFunc = nullptr;
+    ASSERT_EQ(Reg(dam, mergetest::FesPara()), 0u);
     std::vector<uint8_t> buf(c.key.size() + 1);  // key at an odd address
     std::copy(c.key.begin(), c.key.end(), buf.begin() + 1);
-    ASOrchMergeMsgVec v{c.msgId, 0, buf.data() + 1, c.key.size(), nullptr, 0, c.version, &hdl};
-    EXPECT_EQ(ASOrchMergeHashFunc(&hdl, c.mergeType, &v), c.expect);
+    ASOrchMergeMsgVec v{c.msgId, 0, buf.data() + 1, c.key.size(), nullptr, 0, c.version, hdl_};
+    EXPECT_EQ(ASOrchMergeHashFunc(hdl_, c.mergeType, &v), c.expect);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Values, BucketTest,
-    ::testing::Values(BucketCase{"EmptyKey", {}, 0, 0, 8192, 0, 1950}, BucketCase{"EmptyKeyMsgId1", {}, 1, 0, 8192, 0, 1951},
-                      BucketCase{"FourByteKey", {1, 0, 0, 0}, 0, 0, 8192, 0, 6221},
-                      BucketCase{"EightByteKeyVersion2", {1, 2, 3, 4, 5, 6, 7, 8}, 7, 2, 8192, 0, 7740},
-                      BucketCase{"TrailingByteIgnored", {1, 2, 3, 4, 5, 6, 7, 8, 9}, 7, 2, 8192, 0, 7740},
-                      BucketCase{"ShortKeyIgnored", {9, 9, 9}, 0, 0, 8192, 0, 1950},
-                      BucketCase{"NoBucketsNoModulo", {}, 0, 0, 0, 0, 1493338014u},
-                      BucketCase{"Type2Always8192", {}, 0, 0, 0, 2, 1950}),
+    ::testing::Values(BucketCase{"EmptyKey", {}, 0, 0, 0, true, 1950}, BucketCase{"EmptyKeyMsgId1", {}, 1, 0, 0, true, 1951},
+                      BucketCase{"FourByteKey", {1, 0, 0, 0}, 0, 0, 0, true, 6221},
+                      BucketCase{"EightByteKeyVersion2", {1, 2, 3, 4, 5, 6, 7, 8}, 7, 2, 0, true, 7740},
+                      BucketCase{"TrailingByteIgnored", {1, 2, 3, 4, 5, 6, 7, 8, 9}, 7, 2, 0, true, 7740},
+                      BucketCase{"ShortKeyIgnored", {9, 9, 9}, 0, 0, 0, true, 1950},
+                      BucketCase{"PathNotSetUpNoModulo", {}, 0, 0, 0, false, 1493338014u},
+                      BucketCase{"Type2Always8192", {}, 0, 0, 2, false, 1950}),
     qovtest::RowName());
 
 TEST(MergeKey, IdentityIsMsgIdVersionSizeAndBytes) {

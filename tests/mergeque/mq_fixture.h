@@ -7,6 +7,8 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <cstdlib>
+#include <string>
 #include <vector>
 
 #include "mergeque/mq_private.h"
@@ -47,7 +49,10 @@ public:
         EXPECT_EQ(qovtest::AllocOutstanding(), 0);
         HostTest::TearDown();
     }
-    MergeQueCtrlBlk *Make(const char *name = "mq_test") { return q_ = QOV_MergeQueCreate(name, &para_); }
+    MergeQueCtrlBlk *Make(const char *name = "mq_test") {
+        name_ = name;
+        return q_ = QOV_MergeQueCreate(name, &para_);
+    }
     uint32_t Write(uint64_t key, uint64_t val, uint32_t moveToTail = 0) {
         Rec r{key, val, {}};
         return QOV_MergeQueWrite(q_, &r.key, &r, moveToTail);
@@ -57,7 +62,23 @@ public:
         QOV_MergeQueReadCallBack(q_, maxCount, Collect, &out);
         return out;
     }
-    uint32_t RStat(uint32_t id) const { return q_->reader.stat[id].cnt; }
+    // A row of the queue's report (QOV_PrintMergeQueInfo), found by its title:
+    // the count after it, and whether the row carries a time stamp.
+    std::string Row(const std::string &title) const {
+        char buf[2048];
+        QOV_PrintMergeQueInfo(name_.c_str(), buf, sizeof buf);
+        std::string report = std::string("\n") + buf;
+        size_t at = report.find("\n" + title + " ");
+        if (at == std::string::npos) at = report.find(" " + title + " ");
+        EXPECT_NE(at, std::string::npos) << title;
+        if (at == std::string::npos) return "";
+        return report.substr(at + 1 + title.size(), report.find('\n', at + 1) - at - 1 - title.size());
+    }
+    uint32_t Count(const std::string &title) const {
+        std::string row = Row(title);
+        return static_cast<uint32_t>(std::strtoul(row.c_str() + row.find_first_not_of(" :["), nullptr, 10));
+    }
+    bool Stamped(const std::string &title) const { return Row(title).find("--:--:--.---") == std::string::npos; }
     // Signals outstanding on the queue's event descriptor (taken by the count).
     uint32_t DrainSignals() const {
         uint32_t n = 0;
@@ -67,6 +88,7 @@ public:
     int epFd_ = -1;
     MergeQueCreatePara para_{};
     MergeQueCtrlBlk *q_ = nullptr;
+    std::string name_;
 };
 
 }  // namespace mqtest

@@ -40,14 +40,14 @@ TEST_F(MqFlowTest, MonitorTransitionsAtTheMarks) {
     Write(5, 0);
     Write(6, 0);
     ASSERT_EQ(g_notes, (std::vector<std::pair<uint32_t, uint64_t>>{{0, 77}}));
-    EXPECT_EQ(q_->monitor.overLoad, 1u);
+    EXPECT_EQ(Count("OverLoad"), 1u);
     ReadCb(4);  // leaves 2: not below the low water
     EXPECT_EQ(g_notes.size(), 1u);
     ReadCb(1);
     ASSERT_EQ(g_notes.size(), 2u);
     EXPECT_EQ(g_notes[1], std::make_pair(1u, uint64_t{77}));
-    EXPECT_EQ(q_->stat[MQ_STAT_OVER_HIGH_WATER].cnt, 1u);
-    EXPECT_EQ(q_->stat[MQ_STAT_UNDER_LOW_WATER].cnt, 1u);
+    EXPECT_EQ(Count("MergeQue OverHighWater"), 1u);
+    EXPECT_EQ(Count("MergeQue UnderLowWater"), 1u);
     ReadCb(1);
     EXPECT_EQ(g_notes.size(), 2u);
 }
@@ -73,8 +73,7 @@ TEST_F(MqFlowTest, RejectedMonitorKeepsThePreviousOne) {
         EXPECT_EQ(QOV_MergeQueMonitorReg(c.nullQueue ? nullptr : q_, c.nullAttr ? nullptr : &c.attr), 1u);
         EXPECT_TRUE(qovtest::HasLine(c.line)) << c.line;
     }
-    EXPECT_EQ(q_->monitor.highWater, 10u);
-    EXPECT_EQ(q_->monitor.flowCtrlNotify, Note);
+    EXPECT_EQ(Count("HighWater"), 10u);
 }
 
 TEST_F(MqFlowTest, BackPressTwiceUnBackPressOnce) {
@@ -88,9 +87,8 @@ TEST_F(MqFlowTest, BackPressTwiceUnBackPressOnce) {
     EXPECT_EQ(qovtest::Calls("QOV_EPOLL_DEL").size(), 1u);
     EXPECT_EQ(QOV_MergeQueUnBackPress(q_, &ctx), 0u);
     EXPECT_EQ(ctx, 22u);
-    EXPECT_EQ(q_->reader.epollReg, 1u);
-    EXPECT_EQ(RStat(MQ_RSTAT_BACK_PRESS), 2u);
-    EXPECT_EQ(RStat(MQ_RSTAT_UNBACK_PRESS), 1u);
+    EXPECT_EQ(Count("BackPress"), 2u);
+    EXPECT_EQ(Count("UnBackPress"), 1u);
     EXPECT_EQ(qovtest::Calls("eventfd_s").size(), 1u) << "the descriptor is made once";
     EXPECT_EQ(QOV_MergeQueBackPress(nullptr, 0) + QOV_MergeQueUnBackPress(nullptr, nullptr), 2u);
     EXPECT_TRUE(qovtest::HasLine("merge queue BackPress failed, handle is null."));
@@ -119,7 +117,7 @@ TEST_F(MqFlowTest, BatchReaderIsDispatchedUntilEmpty) {
     EXPECT_EQ(g_dispatches, 4u);
     ASSERT_EQ(g_read.size(), 100u);
     for (uint64_t k = 0; k < 100; ++k) EXPECT_EQ(g_read[k].key, k);
-    EXPECT_EQ(RStat(MQ_RSTAT_EMPTY_READ), 4 * 32 - 100u);
+    EXPECT_EQ(Count("Empty Read"), 4 * 32 - 100u);
 }
 
 TEST_F(MqFlowTest, DispatchWithoutSignalDoesNotCallTheReader) {

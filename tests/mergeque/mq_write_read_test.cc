@@ -34,14 +34,14 @@ TEST_P(MqOrderTest, MergedKeyKeepsOrMovesItsPlace) {
     std::vector<uint64_t> order = moveToTail == 1 ? std::vector<uint64_t>{kB, kA} : std::vector<uint64_t>{kA, kB};
     ASSERT_EQ(Keys(got), order);
     EXPECT_EQ(got[moveToTail == 1 ? 1 : 0].val, withMerge ? 12u : 2u);
-    EXPECT_EQ(RStat(MQ_RSTAT_SUCCESS_WRITE), 2u);
-    EXPECT_EQ(RStat(MQ_RSTAT_SUCCESS_MERGE), 1u);
-    EXPECT_EQ(RStat(MQ_RSTAT_SUCCESS_READ), 2u);
-    EXPECT_EQ(RStat(MQ_RSTAT_EMPTY_READ), 8u);
-    EXPECT_NE(q_->reader.stat[MQ_RSTAT_EMPTY_READ].stamp, 0u);
-    EXPECT_EQ(q_->reader.stat[MQ_RSTAT_SUCCESS_READ].stamp, 0u) << "everyday successes are not stamped";
-    EXPECT_EQ(q_->reader.itemCnt, 0u);
-    EXPECT_EQ(LITE_HASH_GetHashCnt(q_->hash), 0);
+    EXPECT_EQ(Count("Success Write"), 2u);
+    EXPECT_EQ(Count("Success Merge"), 1u);
+    EXPECT_EQ(Count("Success Read"), 2u);
+    EXPECT_EQ(Count("Empty Read"), 8u);
+    EXPECT_TRUE(Stamped("Empty Read"));
+    EXPECT_FALSE(Stamped("Success Read")) << "everyday successes are not stamped";
+    EXPECT_EQ(Count("Reader-ItemCnt"), 0u);
+    EXPECT_EQ(Count("Mque CurrCnt"), 0u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Write, MqOrderTest,
@@ -63,16 +63,16 @@ TEST_F(MqTest, SignalsOnlyWhenTurningNonEmptyAndAfterPartialReads) {
     std::vector<Rec> buf(5);
     EXPECT_EQ(QOV_MergeQueRead(q_, buf.data(), 0), 0u);
     EXPECT_EQ(QOV_MergeQueRead(q_, nullptr, 3), 0u);
-    EXPECT_EQ(RStat(MQ_RSTAT_SUCCESS_READ), 0u);
+    EXPECT_EQ(Count("Success Read"), 0u);
     EXPECT_EQ(QOV_MergeQueRead(q_, buf.data(), 3), 3u);
     EXPECT_EQ(Keys({buf.begin(), buf.begin() + 3}), (std::vector<uint64_t>{2, 1, 3}));
-    EXPECT_EQ(q_->reader.itemCnt, 2u);
-    EXPECT_EQ(RStat(MQ_RSTAT_EMPTY_READ), 0u);
+    EXPECT_EQ(Count("Reader-ItemCnt"), 2u);
+    EXPECT_EQ(Count("Empty Read"), 0u);
     EXPECT_EQ(DrainSignals(), 1u);
     EXPECT_EQ(ReadCb(2).size(), 2u);
     EXPECT_EQ(DrainSignals(), 0u) << "a read that empties the queue does not signal";
     EXPECT_EQ(ReadCb(32).size(), 0u);
-    EXPECT_EQ(RStat(MQ_RSTAT_EMPTY_READ), 32u);
+    EXPECT_EQ(Count("Empty Read"), 32u);
 }
 
 TEST_F(MqTest, CallbackSeesEntriesThatHaveLeftTheQueue) {
@@ -95,8 +95,8 @@ TEST_F(MqTest, CallbackSeesEntriesThatHaveLeftTheQueue) {
     EXPECT_EQ(QOV_MergeQueReadCallBack(q_, 3, cb, &ctx), 3u);
     EXPECT_EQ(ctx.seen, (std::vector<uint64_t>{1, 2, 3}));
     EXPECT_TRUE(qovtest::HasLine("mq_test read 2 msgVec callBack proc failed!"));
-    EXPECT_EQ(RStat(MQ_RSTAT_SUCCESS_WRITE), 4u);
-    EXPECT_EQ(RStat(MQ_RSTAT_SUCCESS_MERGE), 0u);
+    EXPECT_EQ(Count("Success Write"), 4u);
+    EXPECT_EQ(Count("Success Merge"), 0u);
     auto rest = ReadCb(5);
     ASSERT_EQ(rest.size(), 1u);
     EXPECT_EQ(rest[0].val, 100u);
@@ -111,14 +111,14 @@ TEST_F(MqTest, HashTableFailuresAreCountedAndLogged) {
     EXPECT_EQ(Write(1, 1), 1u);
     EXPECT_TRUE(qovtest::HasLine("mq_test failed to hash addNode"));
     EXPECT_EQ(qovtest::CountLine("mq_test failed to new hashNode"), 2u);
-    EXPECT_EQ(RStat(MQ_RSTAT_FAIL_WRITE), 2u);
-    EXPECT_EQ(q_->reader.itemCnt, 0u);
+    EXPECT_EQ(Count("Fail Write"), 2u);
+    EXPECT_EQ(Count("Reader-ItemCnt"), 0u);
     EXPECT_EQ(DrainSignals(), 0u);
     ASSERT_EQ(Write(1, 1), 0u);
     QovHostFailNext("LITE_HASH_RemoveNodeByKey", 1, 0);
     EXPECT_EQ(ReadCb(1).size(), 1u);
     EXPECT_TRUE(qovtest::HasLine("mq_test failed to remove HashNode!"));
-    EXPECT_EQ(LITE_HASH_GetHashCnt(q_->hash), 0) << "the element is released all the same";
+    EXPECT_EQ(Count("Mque CurrCnt"), 0u) << "the element is released all the same";
 }
 
 TEST_F(MqTest, NullWriteArgumentsFailCleanly) {
@@ -128,21 +128,21 @@ TEST_F(MqTest, NullWriteArgumentsFailCleanly) {
     EXPECT_EQ(QOV_MergeQueWrite(q_, nullptr, &r, 0), 1u);
     EXPECT_EQ(QOV_MergeQueWrite(q_, &r, nullptr, 0), 1u);
     EXPECT_TRUE(qovtest::HasLine("merge queue write failed, mqueHandle: 0, key: 0, record: 1."));
-    EXPECT_EQ(q_->reader.itemCnt, 0u);
+    EXPECT_EQ(Count("Reader-ItemCnt"), 0u);
 }
 
 TEST_F(MqTest, HighWaterStatistics) {
     para_.hashSize = 4;
     ASSERT_NE(Make(), nullptr);
     for (uint64_t k : {0, 1, 2, 3}) Write(k, 0);
-    EXPECT_EQ(q_->stat[MQ_STAT_MAX_CONFLICT].cnt, 1u);
+    EXPECT_EQ(Count("MergeQue MaxConflict"), 1u);
     for (uint64_t k : {4, 8}) Write(k, 0);  // bucket 0 now holds three
     Write(8, 1);                            // merges touch neither statistic
-    EXPECT_EQ(q_->stat[MQ_STAT_MAX_CONFLICT].cnt, 3u);
-    EXPECT_EQ(q_->stat[MQ_STAT_HISTORY_MAX_CNT].cnt, 6u);
-    EXPECT_NE(q_->stat[MQ_STAT_HISTORY_MAX_CNT].stamp, 0u);
+    EXPECT_EQ(Count("MergeQue MaxConflict"), 3u);
+    EXPECT_EQ(Count("MergeQue HistoryMaxCnt"), 6u);
+    EXPECT_TRUE(Stamped("MergeQue HistoryMaxCnt"));
     ReadCb(10);
-    EXPECT_EQ(q_->stat[MQ_STAT_HISTORY_MAX_CNT].cnt, 6u);
+    EXPECT_EQ(Count("MergeQue HistoryMaxCnt"), 6u);
 }
 
 }  // namespace

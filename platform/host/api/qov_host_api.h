@@ -186,6 +186,79 @@ QOV_PLAT_API uint32_t QovHostSyncConnect(void *eal, uint32_t grpId, uint16_t por
  * another thread. 0 on success, 1 when there is no such timer. */
 QOV_PLAT_API uint32_t QovHostTimerCancel(int32_t epFd, int32_t timerFd);
 
+/* ---- Control endpoint ----
+ * A Unix-domain stream socket at a path the orchestrator chooses, on which a
+ * tool (qovctl) asks a running instance for its live state. Off unless
+ * QovHostCtlOpen is called. One request per connection: one line of at most
+ * QOV_HOST_CTL_REQ_MAX bytes ended by a newline (or by the client shutting
+ * down its sending side), then one text answer, then the endpoint closes:
+ *   queues       the list report of all merge queues (para->queueList)
+ *   queue NAME   the full report of one of the instance's queues (queueInfo)
+ *   channels     per registered channel: state, pressed, connections and
+ *                reconnections, frames and bytes in, frames dropped by reason
+ *   links        per sync-group link: state, pressed, frames out and in
+ *   metrics      every counter in the Prometheus text exposition format
+ *                (version 0.0.4), for a scraper or a textfile collector
+ *   help         this list
+ * An answer that reports a failure is one line starting with "error: ".
+ *
+ * The host does not know the library: the queue reports come from the two
+ * functions in para, which have the shapes of QOV_PrintMergeQueListAll and
+ * QOV_PrintMergeQueInfo (an orchestrator passes those). "queue" and "metrics"
+ * read only the instance's own queues, named in para->queueNames (null: the
+ * names the library gives them, the instance name then "_DAM" and "_FES"), so
+ * that an answer never reads the queues of an instance served by another
+ * thread. The metrics answer takes its queue figures from those reports and
+ * appends what para->metrics writes (optional; the orchestrator's own
+ * counters, whole lines in the same format). qovctl top shows a histogram
+ * named qov_path_latency_seconds with a queue label as the latency per path.
+ *
+ * Every answer is made on the instance's Data thread, as one callback of its
+ * epoll loop, so it sees the queues between two of their reads and writes and
+ * never races them. The socket is served by a thread of the endpoint with
+ * non-blocking I/O: a client that sends too much or garbage, or does not send
+ * or read within QOV_HOST_CTL_TIMEOUT_MS, gets one log line and is
+ * disconnected, and never holds up the Data thread. Answers need a started
+ * instance; a Data thread that does not answer within the timeout gets the
+ * client an error.
+ *
+ * QovHostCtlOpen: 0 on success; 1, with nothing opened, for an unknown
+ * instance, a null or too long path, a null para or report function, more
+ * than QOV_HOST_CTL_QUEUES_MAX queue names, an endpoint already open, or a
+ * path that cannot be bound (a socket file that no endpoint answers on is
+ * replaced; one that answers is left alone). The socket file is made readable
+ * and writable by its owner only. The strings in para are copied.
+ * QovHostCtlClose: closes the endpoint and removes the socket file, once no
+ * answer is being made; 1 when none is open. An orchestrator closes it before
+ * ASOrchDestroy, as it clears its receive functions (the reports read the
+ * queues that ASOrchDestroy frees); QOV_EAL_Destroy closes one left open. */
+#define QOV_HOST_CTL_REQ_MAX 256u
+#define QOV_HOST_CTL_TIMEOUT_MS 2000u
+#define QOV_HOST_CTL_QUEUES_MAX 8u
+
+typedef uint32_t (*QovHostCtlListFunc)(char *buf, uint32_t size);
+typedef uint32_t (*QovHostCtlQueueFunc)(const char *name, char *buf, uint32_t size);
+/* Writes at most size bytes of text into buf; returns the bytes written. */
+typedef uint32_t (*QovHostCtlMetricsFunc)(void *ctx, char *buf, uint32_t size);
+typedef struct QovHostCtlPara {
+    QovHostCtlListFunc queueList;
+    QovHostCtlQueueFunc queueInfo;
+    const char *const *queueNames; /* queueNum names, or null */
+    uint32_t queueNum;
+    uint32_t rsv;
+    QovHostCtlMetricsFunc metrics;  /* or null */
+    void *ctx;                      /* handed to metrics */
+} QovHostCtlPara;
+QOV_HOST_STATIC_ASSERT(sizeof(QovHostCtlPara) == 48, "control endpoint record is 48 bytes");
+QOV_HOST_STATIC_ASSERT(offsetof(QovHostCtlPara, queueInfo) == 8, "queueInfo at 8");
+QOV_HOST_STATIC_ASSERT(offsetof(QovHostCtlPara, queueNames) == 16, "queueNames at 16");
+QOV_HOST_STATIC_ASSERT(offsetof(QovHostCtlPara, queueNum) == 24, "queueNum at 24");
+QOV_HOST_STATIC_ASSERT(offsetof(QovHostCtlPara, metrics) == 32, "metrics at 32");
+QOV_HOST_STATIC_ASSERT(offsetof(QovHostCtlPara, ctx) == 40, "ctx at 40");
+
+QOV_PLAT_API uint32_t QovHostCtlOpen(void *eal, const char *path, const QovHostCtlPara *para);
+QOV_PLAT_API uint32_t QovHostCtlClose(void *eal);
+
 #ifdef __cplusplus
 }
 #endif

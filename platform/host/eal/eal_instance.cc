@@ -175,6 +175,7 @@ QOV_PLAT_API void QOV_EAL_Destroy(void *eal) {
         if (qovhost::g_live->erase(cand) != 0) e = cand;
     }
     if (e == nullptr) return;
+    qovhost::CtlShut(*e);
     uint64_t one = 1;
     if (e->stopFd >= 0 && write(e->stopFd, &one, sizeof one) < 0) std::perror("QOV_EAL_Destroy: stop");
     for (std::thread &t : e->threads)

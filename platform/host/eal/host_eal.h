@@ -67,6 +67,7 @@ private:
 };
 
 struct EalInstance;
+struct CtlEndpoint;
 
 // One TCP connection over loopback that carries frames: a channel to its
 // broker, or a sync group's link to its peer. The socket and the reconnect
@@ -103,10 +104,20 @@ struct Link {
     std::atomic<uint32_t> connects{0};
     std::atomic<uint64_t> framesIn{0};
     std::atomic<uint64_t> framesRefused{0};
-    std::atomic<uint64_t> framesBad{0};
+    std::atomic<uint64_t> framesBad{0};       // bad headers, malformed sync bodies
+    std::atomic<uint64_t> badMagic{0};        // headers with a wrong magic
+    std::atomic<uint64_t> overBound{0};       // headers announcing a body over the bound
+    std::atomic<uint64_t> unclaimed{0};       // frames read with no receive function set
+    std::atomic<uint64_t> bytesIn{0};         // bytes of the frames read, headers included
     std::atomic<uint64_t> sent{0};
     std::atomic<uint32_t> presses{0};
     std::atomic<uint32_t> releases{0};
+
+    // Adds to a counter that only the serving thread writes: no locked
+    // read-modify-write on the frame path, readers still see whole values.
+    static void Bump(std::atomic<uint64_t> &c, uint64_t n) {
+        c.store(c.load(std::memory_order_relaxed) + n, std::memory_order_relaxed);
+    }
 
     void Init(Kind k, uint32_t i, EalInstance *e) {
         kind = k;
@@ -155,6 +166,7 @@ struct EalInstance {
     bool rsvPortSet = false;
     EalChannel chan[kChanNum];
     EalSyncGrp syncGrp[kSyncGrpMax];
+    CtlEndpoint *ctl = nullptr;  // the control endpoint, under its own lock
 };
 
 // The instance behind eal when it is live, else null.
@@ -174,6 +186,9 @@ void LinkClose(Link &l);
 // did not take it in time (the link is then dropped).
 uint32_t LinkSend(Link &l, const uint8_t *frame, size_t len);
 uint32_t LinkPress(Link &l, bool press);
+
+// Closes the instance's control endpoint, if open; before its threads stop.
+void CtlShut(EalInstance &e);
 
 // The current body bound of frames.
 uint32_t FrameMax();

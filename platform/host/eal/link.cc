@@ -88,10 +88,12 @@ bool DeliverSync(EalSyncGrp &g, std::span<uint8_t> body) {
 // Hands one frame, in place, to the receive function of its owner.
 bool Deliver(Link &l, uint32_t msgId, std::span<uint8_t> body) {
     ++l.framesIn;
+    Link::Bump(l.bytesIn, QOV_HOST_FRAME_HDR_LEN + static_cast<uint64_t>(body.size()));
     if (l.kind == Link::Kind::kSync) return DeliverSync(l.eal->syncGrp[l.index], body);
     QovHostIpcMsg msg{body.data(), msgId, static_cast<uint32_t>(body.size())};
     uint32_t ret = 0;
-    if (l.eal->chan[l.index].recv.Call(&ret, &msg) && ret != 0) ++l.framesRefused;
+    if (!l.eal->chan[l.index].recv.Call(&ret, &msg)) Link::Bump(l.unclaimed, 1);
+    else if (ret != 0) ++l.framesRefused;
     return true;
 }
 
@@ -106,6 +108,7 @@ bool DeliverBuffered(Link &l) {
         int bad = QovHostFrameHdrDecode(at, l.bufMax, &msgId, &msgLen);
         if (bad != 0) {
             ++l.framesBad;
+            Link::Bump(bad == 1 ? l.badMagic : l.overBound, 1);
             if (bad == 1) Log(l, "garbage instead of a frame header, reconnecting");
             else Log(l, "frame of %u bytes over the bound %u, reconnecting", QovHostGetU32(at + 8), l.bufMax);
             Drop(l);
