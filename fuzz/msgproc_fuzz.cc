@@ -127,7 +127,7 @@ bool Register() {
     para2.recvTblMsgList[1] = {recv + 6, kRecvIdCount - 7};
     para2.transTblMsgList[0] = {base[0], 2};
     para2.transTblMsgList[1] = {base[1], 2};
-    Check(ASOrchRegMerge(g_hdl, &para2) == 0);
+    Check(ASOrchRegMerge(g_hdl, &para2, AS_SYNC_GRP_ID_NONE) == 0);
     Check(ASOrchRegTblMsg(g_hdl, &para2) == 0);
     for (const ASOrchTransTblMsg &d : late)
         Check(ASOrchRegTblTrans(g_hdl, kTransTables[d.tblParam - 100].path, &d, 1) == 0);
