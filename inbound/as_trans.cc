@@ -80,8 +80,9 @@ uint32_t ASOrchMsgInfoProc(ASOrchHandle *hdl, const ASOrchTransTlv *tlv, uint32_
 }  // namespace
 
 uint32_t ASOrchMsgTransProc(ASOrchHandle *hdl, const ASOrchIpcMsg *msg) {
-    // msgLen bounds everything read here: the broker's host reuses its buffer,
-    // so bytes past msgLen are another frame's (or no one's).
+    // msgLen bounds everything read here, whatever the total length claims:
+    // a platform may read every frame into one buffer, so the bytes past
+    // msgLen belong to an earlier frame, or to no one.
     ASByteCursor body(static_cast<uint8_t *>(msg->body), msg->msgLen);
     uint32_t total = 0;
     if (body.Take(AS_TRANS_TOTAL_LEN_OFFSET) == nullptr || !body.TakeU32(&total)) {
