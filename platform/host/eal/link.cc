@@ -89,6 +89,7 @@ bool DeliverSync(EalSyncGrp &g, std::span<uint8_t> body) {
 bool Deliver(Link &l, uint32_t msgId, std::span<uint8_t> body) {
     ++l.framesIn;
     Link::Bump(l.bytesIn, QOV_HOST_FRAME_HDR_LEN + static_cast<uint64_t>(body.size()));
+    RecordFrame(l, msgId, body.data(), static_cast<uint32_t>(body.size()));
     if (l.kind == Link::Kind::kSync) return DeliverSync(l.eal->syncGrp[l.index], body);
     QovHostIpcMsg msg{body.data(), msgId, static_cast<uint32_t>(body.size())};
     uint32_t ret = 0;
