@@ -38,6 +38,7 @@ constexpr int kWaitMs = 5000;
 
 // One request and its whole answer; false (with a message in *out) when the
 // endpoint cannot be reached or stops answering.
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): socket path, then request: the order of every command
 bool Ask(const std::string &sock, const std::string &req, std::string *out) {
     out->clear();
     sockaddr_un a{};
@@ -121,6 +122,7 @@ struct Snap {
     std::vector<Sample> samples;
     std::chrono::steady_clock::time_point at;
 
+    // NOLINTNEXTLINE(bugprone-easily-swappable-parameters): metric, label, value: the order of the exposition text
     double Get(const std::string &name, const std::string &key = "", const std::string &val = "",
                double none = NAN) const {
         for (const Sample &s : samples) {
@@ -131,6 +133,7 @@ struct Snap {
         return none;
     }
     // Distinct values of a label among the samples of a metric.
+    // NOLINTNEXTLINE(bugprone-easily-swappable-parameters): metric, label: the order of the exposition text
     std::vector<std::string> Values(const std::string &name, const std::string &key) const {
         std::vector<std::string> v;
         for (const Sample &s : samples) {
@@ -186,6 +189,7 @@ std::string Latency(const Snap *prev, const Snap &cur, const std::string &queue,
 
 volatile std::sig_atomic_t g_stop = 0;
 
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): interval and count, in the order of the command line
 int Top(const std::string &sock, int intervalMs, int count) {
     std::signal(SIGINT, [](int) { g_stop = 1; });
     bool tty = isatty(STDOUT_FILENO) != 0;
@@ -318,7 +322,7 @@ int Bench(const std::string &sock, int n, const std::string &cmd) {
     double secs = after.Get("qov_ctl_answer_seconds_total", "command", word, 0) -
                   before.Get("qov_ctl_answer_seconds_total", "command", word, 0);
     std::sort(rtt.begin(), rtt.end());
-    auto at = [&](double q) { return rtt[std::min(rtt.size() - 1, static_cast<size_t>(q * rtt.size()))] * 1e6; };
+    auto at = [&](double q) { return rtt[std::min(rtt.size() - 1, static_cast<size_t>(q * static_cast<double>(rtt.size())))] * 1e6; };
     std::printf("%d x \"%s\" (%zu bytes): round trip p50 %.0f us, p99 %.0f us, max %.0f us\n", n, cmd.c_str(), bytes,
                 at(0.5), at(0.99), rtt.back() * 1e6);
     std::printf("Data thread per answer: %.1f us on average over %.0f answers, %.1f us the longest since start\n",

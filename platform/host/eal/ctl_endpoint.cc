@@ -171,7 +171,6 @@ constexpr QueueFig kQueueFigs[] = {
     {"BackPress", false, "qov_queue_backpress_total", true, "Back-pressure applied by the queue."},
     {"UnBackPress", false, "qov_queue_unbackpress_total", true, "Back-pressure released by the queue."},
 };
-constexpr size_t kQueueFigNum = sizeof kQueueFigs / sizeof kQueueFigs[0];
 
 // Finds a figure in a report; false when the report does not have it.
 bool FindFig(const std::string &rep, const QueueFig &f, unsigned long long *v) {
@@ -328,14 +327,14 @@ std::string Metrics(CtlEndpoint &c) {
                 static_cast<unsigned long long>(c.cost[k].n));
     Family(s, "qov_ctl_answer_seconds_total", true, "Data thread time spent making answers, by command.");
     for (uint32_t k = 0; k < kCmdNum; ++k)
-        Appendf(s, "qov_ctl_answer_seconds_total{command=\"%s\"} %.9f\n", kCmdName[k], c.cost[k].ns / 1e9);
+        Appendf(s, "qov_ctl_answer_seconds_total{command=\"%s\"} %.9f\n", kCmdName[k], static_cast<double>(c.cost[k].ns) / 1e9);
     Family(s, "qov_ctl_answer_seconds_max", false, "Longest Data thread time of one answer, by command.");
     for (uint32_t k = 0; k < kCmdNum; ++k)
-        Appendf(s, "qov_ctl_answer_seconds_max{command=\"%s\"} %.9f\n", kCmdName[k], c.cost[k].maxNs / 1e9);
+        Appendf(s, "qov_ctl_answer_seconds_max{command=\"%s\"} %.9f\n", kCmdName[k], static_cast<double>(c.cost[k].maxNs) / 1e9);
     Family(s, "qov_ctl_wait_seconds", false, "Wait of the last request for the Data thread.");
-    Appendf(s, "qov_ctl_wait_seconds %.9f\n", c.lagNs / 1e9);
+    Appendf(s, "qov_ctl_wait_seconds %.9f\n", static_cast<double>(c.lagNs) / 1e9);
     Family(s, "qov_ctl_wait_seconds_max", false, "Longest wait of a request for the Data thread.");
-    Appendf(s, "qov_ctl_wait_seconds_max %.9f\n", c.lagMaxNs / 1e9);
+    Appendf(s, "qov_ctl_wait_seconds_max %.9f\n", static_cast<double>(c.lagMaxNs) / 1e9);
     Family(s, "qov_ctl_connections_total", true, "Connections accepted by the endpoint.");
     Appendf(s, "qov_ctl_connections_total %llu\n", static_cast<unsigned long long>(c.accepted.load()));
     Family(s, "qov_ctl_bad_requests_total", true, "Connections ended without a full answer, by reason.");
@@ -580,7 +579,7 @@ void Serve(CtlEndpoint *c) {
         pfd.push_back({c->listenFd, static_cast<short>(clients.size() < kClientsMax ? POLLIN : 0), 0});
         Clock::time_point next = Clock::now() + kIdle;
         for (const Client &cl : clients) {
-            short ev = cl.phase == Client::Phase::kRead ? POLLIN : cl.phase == Client::Phase::kWrite ? POLLOUT : 0;
+            auto ev = static_cast<short>(cl.phase == Client::Phase::kRead ? POLLIN : cl.phase == Client::Phase::kWrite ? POLLOUT : 0);
             pfd.push_back({cl.fd, ev, 0});
             next = std::min({next, cl.deadline, cl.end});
         }
@@ -591,7 +590,7 @@ void Serve(CtlEndpoint *c) {
         }
         if ((pfd[0].revents & POLLIN) != 0) Drain(c->wakeFd);
         if ((pfd[1].revents & POLLIN) != 0) Accept(*c, clients);
-        for (size_t i = 0; i < clients.size(); ++i) Step(*c, clients[i], i + 2 < pfd.size() ? pfd[i + 2].revents : 0);
+        for (size_t i = 0; i < clients.size(); ++i) Step(*c, clients[i], i + 2 < pfd.size() ? pfd[i + 2].revents : short{0});
         std::erase_if(clients, [](const Client &cl) {
             if (cl.phase != Client::Phase::kDone) return false;
             close(cl.fd);
