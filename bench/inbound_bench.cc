@@ -65,7 +65,7 @@ ASOrchHandle *MakeHandle() {
     base.damMerge = {g_tbl, 1, 16384, Hash, 1u << 22, 0};
     base.recvTblMsgList[0] = {g_recv, 1};
     base.transTblMsgList[0] = {g_trans, 1};
-    if (ASOrchRegMerge(hdl, &base) != 0 || ASOrchRegTblMsg(hdl, &base) != 0) {
+    if (ASOrchRegMerge(hdl, &base, AS_SYNC_GRP_ID_NONE) != 0 || ASOrchRegTblMsg(hdl, &base) != 0) {
         ASOrchDestroy(hdl);
         return nullptr;
     }

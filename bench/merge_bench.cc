@@ -49,7 +49,7 @@ ASOrchHandle *MakeHandle(uint32_t n) {
     if (hdl == nullptr) return nullptr;
     ASOrchBasePara base{};
     base.damMerge = {g_tbl, 1, n < 8192 ? 8192 : n, Hash, 1u << 22, 0};
-    if (ASOrchRegMerge(hdl, &base) != 0) {
+    if (ASOrchRegMerge(hdl, &base, AS_SYNC_GRP_ID_NONE) != 0) {
         ASOrchDestroy(hdl);
         return nullptr;
     }

@@ -10,6 +10,16 @@
 
 namespace {
 
+// Outside the MB role a merge queue over its high water back-presses the sync
+// group of this kind, the source of what the queues receive there.
+constexpr uint32_t kPressSyncGrpKind = 0;
+
+// Step "MergeMQue": the merge layer gets its back-pressure target here, so
+// that it need not know the sync groups; "SyncGroup" has registered them.
+uint32_t RegMerge(ASOrchHandle *hdl, const ASOrchBasePara *para) {
+    return ASOrchRegMerge(hdl, para, ASOrchGetSyncGrpId(hdl, kPressSyncGrpKind));
+}
+
 // The steps of ASOrchRegBase, in the order their dependencies need: channels
 // read the thread mask that "RegThread" records in the handle, and the merge
 // queues' monitors back-press the sync group of "SyncGroup".
@@ -25,7 +35,7 @@ constexpr BaseStep kBaseSteps[] = {
     {"ReservePort", ASOrchReservePort},
     {"channel", ASOrchRegBaseChan},
     {"TblMsg", ASOrchRegTblMsg},
-    {"MergeMQue", ASOrchRegMerge},
+    {"MergeMQue", RegMerge},
 };
 
 // What ASOrchDestroy releases, in this order; each release does nothing for a

@@ -23,6 +23,7 @@ static void PrintLog(void) {
 
 int main(void) {
     QovHostLogEcho(0); /* the example prints the captured lines itself */
+    QovHostLogCapture(1);
     ASOrchCreatePara para = {0, 0, OrchAlloc, OrchFree, 0};
     ASOrchHandle *hdl = ASOrchCreate("orchDemo", &para);
     if (hdl == NULL || ASOrchInit(hdl) != 0 || ASOrchStart(hdl) != 0) {

@@ -3,12 +3,12 @@
 // registrations, and transfer messages for tables of both paths registered
 // both ways, with smoothing callbacks in every slot. Every handler and
 // callback touches every byte it is given, so a range that runs past the
-// message shows under AddressSanitizer. The caller's contract for transfer
-// bodies (head and TLV area inside the body) is kept; all else is the input's.
+// message shows under AddressSanitizer.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "fuzz/msgproc_ids.h"
 #include "inbound/inbound_internal.h"
@@ -88,8 +88,6 @@ void Check(bool ok) {
 
 bool Register() {
     QovHostLogEcho(0);
-    QovHostLogCapture(0);
-    QovHostJournalEnable(0);  // kept records would grow with every input
     ASOrchCreatePara para{0, 0, Alloc, Free, 0};
     g_hdl = ASOrchCreate("fuzzI", &para);
     Check(g_hdl != nullptr);
@@ -127,7 +125,7 @@ bool Register() {
     para2.recvTblMsgList[1] = {recv + 6, kRecvIdCount - 7};
     para2.transTblMsgList[0] = {base[0], 2};
     para2.transTblMsgList[1] = {base[1], 2};
-    Check(ASOrchRegMerge(g_hdl, &para2) == 0);
+    Check(ASOrchRegMerge(g_hdl, &para2, AS_SYNC_GRP_ID_NONE) == 0);
     Check(ASOrchRegTblMsg(g_hdl, &para2) == 0);
     for (const ASOrchTransTblMsg &d : late)
         Check(ASOrchRegTblTrans(g_hdl, kTransTables[d.tblParam - 100].path, &d, 1) == 0);
@@ -144,20 +142,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     bool trans = sel < 16;
     uint32_t msgId = trans ? 0x7F7F7F70u + sel : kRecvIds[(sel - 16u) % kRecvIdCount];
     size_t len = size - 1;
-    // A transfer body holds at least its head, and its TLV area lies inside it.
-    size_t bufLen = trans ? std::max<size_t>(len, 12) : len;
-    auto *body = static_cast<uint8_t *>(std::malloc(bufLen == 0 ? 1 : bufLen));
-    std::memset(body, 0, bufLen);
-    if (len != 0) std::memcpy(body, data + 1, len);
-    if (trans) {
-        uint32_t total;
-        std::memcpy(&total, body + 8, 4);
-        total = static_cast<uint32_t>(std::min<size_t>(total, bufLen - 12));
-        std::memcpy(body + 8, &total, 4);
-    }
-    ASOrchIpcMsg msg{body, msgId, static_cast<uint32_t>(bufLen)};
+    // The body in a block of exactly its length: a read past it shows.
+    std::unique_ptr<uint8_t[]> body(new uint8_t[len]);
+    if (len != 0) std::memcpy(body.get(), data + 1, len);
+    ASOrchIpcMsg msg{body.get(), msgId, static_cast<uint32_t>(len)};
     (void)ASOrchMsgProc(g_hdl, &msg);
-    std::free(body);
     // The Data thread's turn: read and dispatch what was queued.
     while (QovHostEpollRunOnce(ASOrchGetEpollFd(g_hdl, 0), 0) > 0) {
     }

@@ -2,11 +2,33 @@
 // TLV walk, receive messages are cut into entries (in place, or through the
 // registered unpack function) and handed to the merge layer or to the
 // message's user-defined handler. Nothing here allocates.
-#include "inbound/inbound_internal.h"
+#include "inbound/inbound_private.h"
 
 namespace {
 
 constexpr uint32_t kRecvPrefixLen = 8;  // broker's prefix of an unserialised body
+
+// A run of equal-size entries: an unserialised body after its prefix, or what
+// an unpack function decoded.
+struct ASOrchIpcBuf {
+    uint32_t num;
+    uint8_t *data;
+    uint32_t size;
+};
+
+// A user-defined handler with the information it is called with.
+struct ASOrchUserDefCall {
+    ASOrchUserDefProcFunc proc;
+    ASOrchUserDefInfo info;
+};
+
+// Context of the per-entry merge call: the message's vector and merge type.
+struct ASOrchMqueCtx {
+    ASOrchMergeMsgVec *vec;
+    uint32_t mergeType;
+};
+
+using ASOrchIpcEntryFunc = uint32_t (*)(uint8_t *entry, ASOrchHandle *hdl, void *ctx);
 
 // Entries going to the merge layer give it their first keySize bytes as the
 // key: a key longer than the entry would be read past the entry (and, for the
@@ -18,15 +40,8 @@ bool KeyFitsEntry(const TblMsgCtrlRecv *ctrl, const ASOrchHandle *hdl) {
     return false;
 }
 
-}  // namespace
-
-extern "C" QOV_AS_API uint32_t ASOrchMsgProc(ASOrchHandle *hdl, const ASOrchIpcMsg *msg) {
-    if (!ASOrchMsgIsValid(hdl, msg)) return 1;
-    if ((msg->msgId >> 4) == AS_TRANS_MSG_ID_HIGH) return ASOrchMsgTransProc(hdl, msg);
-    return ASOrchMsgRecvProc(hdl, msg);
-}
-
 bool ASOrchMsgIsValid(const ASOrchHandle *hdl, const ASOrchIpcMsg *msg) {
+    // "zebbrk" is the system's own name for the broker's channel in these lines.
     if (hdl == nullptr) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "recv zebbrk channel msg handle is null.");
         return false;
@@ -38,19 +53,44 @@ bool ASOrchMsgIsValid(const ASOrchHandle *hdl, const ASOrchIpcMsg *msg) {
     return true;
 }
 
-uint32_t ASOrchMsgRecvProc(ASOrchHandle *hdl, const ASOrchIpcMsg *msg) {
-    const TblMsgCtrlRecv *ctrl = ASOrchGetTblMsgRecv(hdl, msg->msgId);
-    if (ctrl == nullptr) {
-        // Not ours (or not registered yet): dropped, and counted as handled.
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "msg proc unknown msg! msgId:%u", msg->msgId);
-        return 0;
-    }
-    return ASOrchMsgDispatchProc(ctrl, msg, hdl);
+void ORCH_AutoSyncFillMergeMsgVec(ASOrchMergeMsgVec *vec, const TblMsgCtrlRecv *ctrl, uint32_t version) {
+    *vec = ASOrchMergeMsgVec{};
+    vec->msgId = ctrl->mergeMsgId;
+    vec->opType = ctrl->mergeOp != 0 ? 1 : 0;
+    vec->keySize = ctrl->keySize;
+    vec->dataSize = ctrl->ipcSize;
+    vec->version = version;
+    vec->usrData = nullptr;
 }
 
-uint32_t ASOrchMsgDispatchProc(const TblMsgCtrlRecv *ctrl, const ASOrchIpcMsg *msg, ASOrchHandle *hdl) {
-    return ctrl->unpack == nullptr ? ORCH_AutoSyncMsgProcUnSerialPack(ctrl, msg, hdl)
-                                   : ORCH_AutoSyncMsgProcSerialPack(ctrl, msg, hdl);
+uint32_t ASOrchProc1IpcMque(uint8_t *entry, ASOrchHandle *hdl, void *ctx) {
+    auto *c = static_cast<ASOrchMqueCtx *>(ctx);
+    c->vec->key = entry;
+    c->vec->data = entry;
+    return ASOrchMsgMerge(hdl, c->mergeType, c->vec);
+}
+
+void ASOrchProcIpcUserDef(ASOrchHandle *hdl, const ASOrchIpcBuf *run, ASOrchUserDefCall *call) {
+    uint32_t r = call->proc(hdl, run->data, run->num, &call->info);
+    if (r != 0) QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "ORCH_ASMsgProc fail, ret %u!", r);
+}
+
+void ORCH_AutoSyncProcIpcBuf(const ASOrchIpcBuf *run, ASOrchHandle *hdl, ASOrchIpcEntryFunc func, void *ctx) {
+    // A failed entry does not stop the others.
+    for (uint32_t i = 0; i < run->num; ++i)
+        (void)func(run->data + static_cast<size_t>(i) * run->size, hdl, ctx);
+}
+
+void ORCH_AutoSyncProcMqueOrUserDef(const TblMsgCtrlRecv *ctrl, const ASOrchIpcBuf *run, ASOrchHandle *hdl) {
+    if (ctrl->userDefProc != nullptr) {
+        ASOrchUserDefCall call{ctrl->userDefProc, {ctrl->version, ctrl->mergeType, 0}};
+        ASOrchProcIpcUserDef(hdl, run, &call);
+        return;
+    }
+    ASOrchMergeMsgVec vec;
+    ORCH_AutoSyncFillMergeMsgVec(&vec, ctrl, ctrl->version);
+    ASOrchMqueCtx ctx{&vec, ctrl->mergeType};
+    ORCH_AutoSyncProcIpcBuf(run, hdl, ASOrchProc1IpcMque, &ctx);
 }
 
 uint32_t ORCH_AutoSyncMsgProcUnSerialPack(const TblMsgCtrlRecv *ctrl, const ASOrchIpcMsg *msg, ASOrchHandle *hdl) {
@@ -98,42 +138,25 @@ uint32_t ORCH_AutoSyncMsgProcSerialPack(const TblMsgCtrlRecv *ctrl, const ASOrch
     return 0;
 }
 
-void ORCH_AutoSyncProcMqueOrUserDef(const TblMsgCtrlRecv *ctrl, const ASOrchIpcBuf *run, ASOrchHandle *hdl) {
-    if (ctrl->userDefProc != nullptr) {
-        ASOrchUserDefCall call{ctrl->userDefProc, {ctrl->version, ctrl->mergeType, 0}};
-        ASOrchProcIpcUserDef(hdl, run, &call);
-        return;
+uint32_t ASOrchMsgDispatchProc(const TblMsgCtrlRecv *ctrl, const ASOrchIpcMsg *msg, ASOrchHandle *hdl) {
+    return ctrl->unpack == nullptr ? ORCH_AutoSyncMsgProcUnSerialPack(ctrl, msg, hdl)
+                                   : ORCH_AutoSyncMsgProcSerialPack(ctrl, msg, hdl);
+}
+
+uint32_t ASOrchMsgRecvProc(ASOrchHandle *hdl, const ASOrchIpcMsg *msg) {
+    const TblMsgCtrlRecv *ctrl = ASOrchGetTblMsgRecv(hdl, msg->msgId);
+    if (ctrl == nullptr) {
+        // Not ours (or not registered yet): dropped, and counted as handled.
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "msg proc unknown msg! msgId:%u", msg->msgId);
+        return 0;
     }
-    ASOrchMergeMsgVec vec;
-    ORCH_AutoSyncFillMergeMsgVec(&vec, ctrl, ctrl->version);
-    ASOrchMqueCtx ctx{&vec, ctrl->mergeType};
-    ORCH_AutoSyncProcIpcBuf(run, hdl, ASOrchProc1IpcMque, &ctx);
+    return ASOrchMsgDispatchProc(ctrl, msg, hdl);
 }
 
-void ASOrchProcIpcUserDef(ASOrchHandle *hdl, const ASOrchIpcBuf *run, ASOrchUserDefCall *call) {
-    uint32_t r = call->proc(hdl, run->data, run->num, &call->info);
-    if (r != 0) QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "ORCH_ASMsgProc fail, ret %u!", r);
-}
+}  // namespace
 
-void ORCH_AutoSyncProcIpcBuf(const ASOrchIpcBuf *run, ASOrchHandle *hdl, ASOrchIpcEntryFunc func, void *ctx) {
-    // A failed entry does not stop the others.
-    for (uint32_t i = 0; i < run->num; ++i)
-        (void)func(run->data + static_cast<size_t>(i) * run->size, hdl, ctx);
-}
-
-void ORCH_AutoSyncFillMergeMsgVec(ASOrchMergeMsgVec *vec, const TblMsgCtrlRecv *ctrl, uint32_t version) {
-    *vec = ASOrchMergeMsgVec{};
-    vec->msgId = ctrl->mergeMsgId;
-    vec->opType = ctrl->mergeOp != 0 ? 1 : 0;
-    vec->keySize = ctrl->keySize;
-    vec->dataSize = ctrl->ipcSize;
-    vec->version = version;
-    vec->usrData = nullptr;
-}
-
-uint32_t ASOrchProc1IpcMque(uint8_t *entry, ASOrchHandle *hdl, void *ctx) {
-    auto *c = static_cast<ASOrchMqueCtx *>(ctx);
-    c->vec->key = entry;
-    c->vec->data = entry;
-    return ASOrchMsgMerge(hdl, c->mergeType, c->vec);
+extern "C" QOV_AS_API uint32_t ASOrchMsgProc(ASOrchHandle *hdl, const ASOrchIpcMsg *msg) {
+    if (!ASOrchMsgIsValid(hdl, msg)) return 1;
+    if ((msg->msgId >> 4) == AS_TRANS_MSG_ID_HIGH) return ASOrchMsgTransProc(hdl, msg);
+    return ASOrchMsgRecvProc(hdl, msg);
 }

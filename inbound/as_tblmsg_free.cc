@@ -1,5 +1,5 @@
 // Release of the table-message tables of a handle.
-#include "inbound/inbound_internal.h"
+#include "inbound/inbound_private.h"
 
 void ASOrchFreeTblMsg(ASOrchHandle *hdl) {
     ASIntHash **tables[] = {&hdl->recvTblMsgHash, &hdl->transTblMsgHash};

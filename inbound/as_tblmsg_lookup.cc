@@ -1,28 +1,11 @@
 // Lookups of the table-message registry and the per-message version counters.
-#include "inbound/inbound_internal.h"
+#include "inbound/inbound_private.h"
 
 namespace {
 
-// The handle's table, or null with the null-handle line of the caller.
-template <typename Ctrl>
-Ctrl *Lookup(ASOrchHandle *hdl, ASIntHash *ASOrchHandle::*table, uint32_t key) {
-    if (hdl == nullptr) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "Orch autosync get tbl msg handle is null.");
-        return nullptr;
-    }
-    return static_cast<Ctrl *>(ASOrchGetTblMsgHashData(hdl->*table, &key));
-}
-
-template <typename Ctrl>
-uint32_t IncVersion(Ctrl *ctrl, uint32_t *version) {
-    ++ctrl->version;  // unsigned: wraps to 0 after 4294967295
-    *version = ctrl->version;
-    return 0;
-}
-
-}  // namespace
-
-void *ASOrchGetTblMsgHashData(const ASIntHash *table, const uint32_t *key) {
+// The control record under key in table (a TblMsgCtrlRecv or TblMsgCtrlTrans by
+// table), or null with a log line.
+void *GetTblMsgHashData(const ASIntHash *table, const uint32_t *key) {
     if (table == nullptr) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "hashTble is null, unknown key %u.", *key);
         return nullptr;
@@ -34,6 +17,25 @@ void *ASOrchGetTblMsgHashData(const ASIntHash *table, const uint32_t *key) {
     }
     return reinterpret_cast<uint8_t *>(node) + AS_TBLMSG_CTRL_OFFSET;
 }
+
+// The handle's table, or null with the null-handle line of the caller.
+template <typename Ctrl>
+Ctrl *Lookup(ASOrchHandle *hdl, ASIntHash *ASOrchHandle::*table, uint32_t key) {
+    if (hdl == nullptr) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "Orch autosync get tbl msg handle is null.");
+        return nullptr;
+    }
+    return static_cast<Ctrl *>(GetTblMsgHashData(hdl->*table, &key));
+}
+
+template <typename Ctrl>
+uint32_t IncVersion(Ctrl *ctrl, uint32_t *version) {
+    ++ctrl->version;  // unsigned: wraps to 0 after 4294967295
+    *version = ctrl->version;
+    return 0;
+}
+
+}  // namespace
 
 extern "C" {
 

@@ -1,6 +1,7 @@
 // Registration of table messages: the receive and transfer lists of the
 // base-registration record, and transfer tables added at run time.
-#include "inbound/inbound_internal.h"
+#include "core/base/as_path.h"
+#include "inbound/inbound_private.h"
 #include "qov_utils_eal.h"
 
 namespace {
@@ -55,52 +56,8 @@ uint32_t AddTransNodes(ASIntHash *table, TblMsgTransNode *nodes, const ASOrchTra
     return 0;
 }
 
-}  // namespace
-
-uint32_t ASOrchRegTblMsg(ASOrchHandle *hdl, const ASOrchBasePara *para) {
-    if (QOV_EAL_SelfRoleIsMb(hdl->ealHdl) == 0) return 0;
-    if (ASOrchRegTblMsgRecv(hdl, para) != 0) return 1;
-    return ASOrchRegTblMsgTrans(hdl, para) != 0 ? 1 : 0;
-}
-
-uint32_t ASOrchRegTblMsgRecv(ASOrchHandle *hdl, const ASOrchBasePara *para) {
-    for (const ASOrchTblMsgList &list : para->recvTblMsgList) {
-        if (ASOrchTblMsgRecvIsValid(&list) && ASOrchInitTblMsgRecvHash(hdl, &list) != 0) return 1;
-    }
-    return 0;
-}
-
-uint32_t ASOrchRegTblMsgTrans(ASOrchHandle *hdl, const ASOrchBasePara *para) {
-    constexpr uint32_t kPaths[] = {AS_TBLMSG_PATH_DAM, AS_TBLMSG_PATH_FES};
-    for (uint32_t path : kPaths) {
-        const ASOrchTblMsgList &list = para->transTblMsgList[path];
-        if (ASOrchTblMsgTransIsExist(&list) && ASOrchInitTblMsgTransHash(hdl, &list, path) != 0) return 1;
-    }
-    return 0;
-}
-
 bool ASOrchTblMsgRecvIsValid(const ASOrchTblMsgList *list) { return list->num != 0 && list->tblMsg != nullptr; }
-
 bool ASOrchTblMsgTransIsExist(const ASOrchTblMsgList *list) { return list->num != 0 && list->tblMsg != nullptr; }
-
-uint32_t ASOrchInitTblMsgRecvHash(ASOrchHandle *hdl, const ASOrchTblMsgList *list) {
-    ASIntHash *table = TableOf(hdl, &hdl->recvTblMsgHash);
-    if (table == nullptr) return 1;
-    if (ASOrchFillTblMsgRecvHashTable(hdl, table, list) == 0) return 0;
-    // The lists registered into this table before are dropped with it.
-    hdl->recvTblMsgHash = nullptr;
-    QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Orch auto sync create tblmsg hash Fail", hdl->name);
-    return 1;
-}
-
-uint32_t ASOrchInitTblMsgTransHash(ASOrchHandle *hdl, const ASOrchTblMsgList *list, uint32_t dataPath) {
-    ASIntHash *table = TableOf(hdl, &hdl->transTblMsgHash);
-    if (table == nullptr) return 1;
-    if (ASOrchFillTblMsgTransHashTable(hdl, table, list, dataPath) == 0) return 0;
-    hdl->transTblMsgHash = nullptr;
-    QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Orch auto sync create tblmsg hash Fail", hdl->name);
-    return 1;
-}
 
 uint32_t ASOrchFillTblMsgRecvHashTable(ASOrchHandle *hdl, ASIntHash *table, const ASOrchTblMsgList *list) {
     auto *nodes = AllocNodes<TblMsgRecvNode>(hdl, list->num);
@@ -133,13 +90,39 @@ uint32_t ASOrchFillTblMsgTransHashTable(ASOrchHandle *hdl, ASIntHash *table, con
                          SmoothSlots::FourArg);
 }
 
-extern "C" QOV_AS_API uint32_t ASOrchRegTblTrans(ASOrchHandle *hdl, uint32_t dataPath, const ASOrchTransTblMsg *tbl,
-                                                 uint32_t num) {
-    if (hdl == nullptr) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "Orch autosync reg trans tbl msg handle is null.");
-        return 1;
+uint32_t ASOrchInitTblMsgRecvHash(ASOrchHandle *hdl, const ASOrchTblMsgList *list) {
+    ASIntHash *table = TableOf(hdl, &hdl->recvTblMsgHash);
+    if (table == nullptr) return 1;
+    if (ASOrchFillTblMsgRecvHashTable(hdl, table, list) == 0) return 0;
+    // The lists registered into this table before are dropped with it.
+    hdl->recvTblMsgHash = nullptr;
+    QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Orch auto sync create tblmsg hash Fail", hdl->name);
+    return 1;
+}
+
+uint32_t ASOrchInitTblMsgTransHash(ASOrchHandle *hdl, const ASOrchTblMsgList *list, uint32_t dataPath) {
+    ASIntHash *table = TableOf(hdl, &hdl->transTblMsgHash);
+    if (table == nullptr) return 1;
+    if (ASOrchFillTblMsgTransHashTable(hdl, table, list, dataPath) == 0) return 0;
+    hdl->transTblMsgHash = nullptr;
+    QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Orch auto sync create tblmsg hash Fail", hdl->name);
+    return 1;
+}
+
+uint32_t ASOrchRegTblMsgRecv(ASOrchHandle *hdl, const ASOrchBasePara *para) {
+    for (const ASOrchTblMsgList &list : para->recvTblMsgList) {
+        if (ASOrchTblMsgRecvIsValid(&list) && ASOrchInitTblMsgRecvHash(hdl, &list) != 0) return 1;
     }
-    return ASOrchRegTblMsgTransNew(hdl, tbl, num, dataPath);
+    return 0;
+}
+
+uint32_t ASOrchRegTblMsgTrans(ASOrchHandle *hdl, const ASOrchBasePara *para) {
+    for (ASOrchPath path : AS_PATHS) {
+        const ASOrchTblMsgList &list = para->transTblMsgList[ASPathIndex(path)];
+        if (ASOrchTblMsgTransIsExist(&list) && ASOrchInitTblMsgTransHash(hdl, &list, ASPathIndex(path)) != 0)
+            return 1;
+    }
+    return 0;
 }
 
 uint32_t ASOrchRegTblMsgTransNew(ASOrchHandle *hdl, const ASOrchTransTblMsg *tbl, uint32_t num, uint32_t dataPath) {
@@ -152,4 +135,21 @@ uint32_t ASOrchRegTblMsgTransNew(ASOrchHandle *hdl, const ASOrchTransTblMsg *tbl
         return 1;
     }
     return AddTransNodes(table, nodes, tbl, num, dataPath, SmoothSlots::WithType);
+}
+
+}  // namespace
+
+uint32_t ASOrchRegTblMsg(ASOrchHandle *hdl, const ASOrchBasePara *para) {
+    if (QOV_EAL_SelfRoleIsMb(hdl->ealHdl) == 0) return 0;
+    if (ASOrchRegTblMsgRecv(hdl, para) != 0) return 1;
+    return ASOrchRegTblMsgTrans(hdl, para) != 0 ? 1 : 0;
+}
+
+extern "C" QOV_AS_API uint32_t ASOrchRegTblTrans(ASOrchHandle *hdl, uint32_t dataPath, const ASOrchTransTblMsg *tbl,
+                                                 uint32_t num) {
+    if (hdl == nullptr) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "Orch autosync reg trans tbl msg handle is null.");
+        return 1;
+    }
+    return ASOrchRegTblMsgTransNew(hdl, tbl, num, dataPath);
 }

@@ -1,14 +1,15 @@
 // Transfer messages: the walk over the TLV area, bounded by the total length
 // in the body and by the body's own length (msgLen), and the dispatch of each
 // TLV by type.
-#include "inbound/inbound_internal.h"
+#include "inbound/inbound_private.h"
 #include "qov_as_log.h"
 #include "smooth/smooth_internal.h"
 
 namespace {
 
-constexpr uint32_t kTlvData = 1, kTlvDataSized = 2, kTlvComp = 18, kTlvCompAlt = 19;
 constexpr uint32_t kLowBitsMask = 0xF;
+// ASOrchMsgInfoProc's result for a TLV whose value breaks its layout: the walk stops.
+constexpr uint32_t kTlvMalformed = 2;
 
 // The TLV area as the walk sees it: the total length's bytes, cut at the end
 // of the body when the total claims more than the body holds.
@@ -56,11 +57,32 @@ bool TakeTlv(const ASOrchHandle *hdl, TlvArea *area, uint32_t index, ASOrchTrans
     return true;
 }
 
+// Handles one TLV: 1 for an unknown table, the smoothing result for smoothing
+// TLVs, kTlvMalformed for a value that breaks its layout, else 0.
+uint32_t ASOrchMsgInfoProc(ASOrchHandle *hdl, const ASOrchTransTlv *tlv, uint32_t lowBits) {
+    const TblMsgCtrlTrans *ctrl = ASOrchGetTblMsgTrans(hdl, tlv->tableId);
+    if (ctrl == nullptr) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, get tbl trans tbl failed.tableId = %u.", hdl->name, tlv->tableId);
+        return 1;
+    }
+    switch (tlv->tlvType) {
+        case AS_TRANS_TLV_COMP:
+        case AS_TRANS_TLV_COMP_ALT:
+            return ASOrchTransCompTblParsePack(hdl, tlv, ctrl, lowBits) ? 0 : kTlvMalformed;
+        case AS_TRANS_TLV_DATA:
+        case AS_TRANS_TLV_DATA_SIZED:
+            return ASOrchTransTblParsePack(hdl, tlv, ctrl, lowBits) ? 0 : kTlvMalformed;
+        default:
+            return ASOrchTransTblSmooth(hdl, tlv, ctrl);
+    }
+}
+
 }  // namespace
 
 uint32_t ASOrchMsgTransProc(ASOrchHandle *hdl, const ASOrchIpcMsg *msg) {
-    // msgLen bounds everything read here: the broker's host reuses its buffer,
-    // so bytes past msgLen are another frame's (or no one's).
+    // msgLen bounds everything read here, whatever the total length claims:
+    // a platform may read every frame into one buffer, so the bytes past
+    // msgLen belong to an earlier frame, or to no one.
     ASByteCursor body(static_cast<uint8_t *>(msg->body), msg->msgLen);
     uint32_t total = 0;
     if (body.Take(AS_TRANS_TOTAL_LEN_OFFSET) == nullptr || !body.TakeU32(&total)) {
@@ -82,29 +104,11 @@ uint32_t ASOrchMsgTransProc(ASOrchHandle *hdl, const ASOrchIpcMsg *msg) {
     for (uint32_t index = 0; (area.bytes.Remaining() > 0 || cutByBody) && TakeTlv(hdl, &area, index, &tlv);
          ++index) {
         uint32_t r = ASOrchMsgInfoProc(hdl, &tlv, lowBits);
-        if (r == AS_TRANS_TLV_MALFORMED) break;
+        if (r == kTlvMalformed) break;
         if (r != 0) {
             QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, proc zebbrk trans msg %u failed. tbl = %u, tlvType = %u, tlvLen = %u",
                                 hdl->name, index, tlv.tableId, tlv.tlvType, static_cast<uint32_t>(tlv.value.size()));
         }
     }
     return 0;
-}
-
-uint32_t ASOrchMsgInfoProc(ASOrchHandle *hdl, const ASOrchTransTlv *tlv, uint32_t lowBits) {
-    const TblMsgCtrlTrans *ctrl = ASOrchGetTblMsgTrans(hdl, tlv->tableId);
-    if (ctrl == nullptr) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, get tbl trans tbl failed.tableId = %u.", hdl->name, tlv->tableId);
-        return 1;
-    }
-    switch (tlv->tlvType) {
-        case kTlvComp:
-        case kTlvCompAlt:
-            return ASOrchTransCompTblParsePack(hdl, tlv, ctrl, lowBits) ? 0 : AS_TRANS_TLV_MALFORMED;
-        case kTlvData:
-        case kTlvDataSized:
-            return ASOrchTransTblParsePack(hdl, tlv, ctrl, lowBits) ? 0 : AS_TRANS_TLV_MALFORMED;
-        default:
-            return ASOrchTransTblSmooth(hdl, tlv, ctrl);
-    }
 }

@@ -2,14 +2,13 @@
 // to the table's handler in place; and the channel senders offered to handlers.
 #include <arpa/inet.h>
 
-#include "inbound/inbound_internal.h"
+#include "core/base/as_path.h"
+#include "inbound/inbound_private.h"
 #include "qov_as_log.h"
 #include "qov_utils_eal.h"
 
 namespace {
 
-constexpr uint32_t kTlvData = 1;
-constexpr uint32_t kChanDam = 0, kChanFes = 1;
 constexpr uint32_t kLoopback = 0x7F000001;  // 127.0.0.1
 
 // The checks every layout starts with; false when there is nothing to call.
@@ -39,13 +38,6 @@ bool Call(ASOrchHandle *hdl, const ASOrchTransTlv *tlv, const TblMsgCtrlTrans *c
     return ctrl->tblMsgProc(hdl, entries, num, size, &info) == 0;
 }
 
-}  // namespace
-
-bool ASOrchTransTblParsePack(ASOrchHandle *hdl, const ASOrchTransTlv *tlv, const TblMsgCtrlTrans *ctrl,
-                             uint32_t lowBits) {
-    return ctrl->dataPath != 0 ? ASOrchFesTblParsePack(hdl, tlv, ctrl, lowBits)
-                               : ASOrchDamTblParsePack(hdl, tlv, ctrl, lowBits);
-}
 
 bool ASOrchFesTblParsePack(ASOrchHandle *hdl, const ASOrchTransTlv *tlv, const TblMsgCtrlTrans *ctrl, uint32_t) {
     if (!HasHandler(hdl, tlv, ctrl, "[error]%s, trans fes tblMsgProc is NULL, tbl:%u.")) return true;
@@ -59,7 +51,7 @@ bool ASOrchFesTblParsePack(ASOrchHandle *hdl, const ASOrchTransTlv *tlv, const T
     }
     // Type 1: entries of tblSize filling w bytes; type 2: entries of w bytes
     // filling the rest of the value.
-    const bool sized = tlv->tlvType != kTlvData;
+    const bool sized = tlv->tlvType != AS_TRANS_TLV_DATA;
     const uint32_t size = sized ? w : ctrl->tblSize;
     if (SizeIsZero(size)) return true;
     const auto left = static_cast<uint32_t>(value.Remaining());
@@ -80,7 +72,7 @@ bool ASOrchFesTblParsePack(ASOrchHandle *hdl, const ASOrchTransTlv *tlv, const T
 bool ASOrchDamTblParsePack(ASOrchHandle *hdl, const ASOrchTransTlv *tlv, const TblMsgCtrlTrans *ctrl, uint32_t) {
     if (!HasHandler(hdl, tlv, ctrl, "[error]%s, trans dam tblMsgProc is NULL, tbl:%u.")) return true;
     const auto tlvLen = static_cast<uint32_t>(tlv->value.size());
-    const uint32_t size = tlv->tlvType == kTlvData ? ctrl->tblSize : tlvLen;
+    const uint32_t size = tlv->tlvType == AS_TRANS_TLV_DATA ? ctrl->tblSize : tlvLen;
     if (SizeIsZero(size)) return true;
     const uint32_t num = tlvLen / size;
     if (!Call(hdl, tlv, ctrl, tlv->value.data(), num, size)) {
@@ -88,6 +80,21 @@ bool ASOrchDamTblParsePack(ASOrchHandle *hdl, const ASOrchTransTlv *tlv, const T
                             size);
     }
     return true;
+}
+
+// Sends on the broker's data channel of the path.
+uint32_t ASOrchFesDamChanMsgVec(ASOrchHandle *hdl, void *buf, uint32_t len, ASOrchPath path) {
+    void *chan = QOV_EAL_GetChannelHdl(hdl->ealHdl, ASPathIndex(path));
+    return QOV_CHAN_USendMsg(chan, htonl(kLoopback), 0, buf, len);
+}
+
+}  // namespace
+
+
+bool ASOrchTransTblParsePack(ASOrchHandle *hdl, const ASOrchTransTlv *tlv, const TblMsgCtrlTrans *ctrl,
+                             uint32_t lowBits) {
+    return ctrl->dataPath != 0 ? ASOrchFesTblParsePack(hdl, tlv, ctrl, lowBits)
+                               : ASOrchDamTblParsePack(hdl, tlv, ctrl, lowBits);
 }
 
 bool ASOrchTransCompTblParsePack(ASOrchHandle *hdl, const ASOrchTransTlv *tlv, const TblMsgCtrlTrans *ctrl,
@@ -101,18 +108,12 @@ bool ASOrchTransCompTblParsePack(ASOrchHandle *hdl, const ASOrchTransTlv *tlv, c
     return true;
 }
 
-// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): buffer and length as the exported senders take them
-uint32_t ASOrchFesDamChanMsgVec(ASOrchHandle *hdl, void *buf, uint32_t len, uint32_t chanIdx) {
-    void *chan = QOV_EAL_GetChannelHdl(hdl->ealHdl, chanIdx);
-    return QOV_CHAN_USendMsg(chan, htonl(kLoopback), 0, buf, len);
-}
-
 uint32_t ASOrchFesChanMsgVec(ASOrchHandle *hdl, void *buf, uint32_t len) {
     if (hdl == nullptr) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "Orch autosync fes chan msg handle is NULL");
         return 1;
     }
-    return ASOrchFesDamChanMsgVec(hdl, buf, len, kChanFes);
+    return ASOrchFesDamChanMsgVec(hdl, buf, len, ASOrchPath::FES);
 }
 
 uint32_t ASOrchDamChanMsgVec(ASOrchHandle *hdl, void *buf, uint32_t len) {
@@ -120,5 +121,5 @@ uint32_t ASOrchDamChanMsgVec(ASOrchHandle *hdl, void *buf, uint32_t len) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "Orch autosync dam chan msg handle is NULL");
         return 1;
     }
-    return ASOrchFesDamChanMsgVec(hdl, buf, len, kChanDam);
+    return ASOrchFesDamChanMsgVec(hdl, buf, len, ASOrchPath::DAM);
 }

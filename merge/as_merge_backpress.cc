@@ -1,5 +1,5 @@
 // The reader handle of a path's queue, and stopping and resuming its reading.
-#include "merge/merge_internal.h"
+#include "merge/merge_private.h"
 
 extern "C" {
 
@@ -8,13 +8,14 @@ QOV_AS_API MergeQueCtrlBlk *ASOrchGetReaderHdl(ASOrchHandle *hdl, uint32_t merge
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "Orch autosync get merge reader Fail, handle is NULL");
         return nullptr;
     }
-    if (mergeType >= AS_MERGE_PATH_NUM) {
+    ASOrchPath path;
+    if (!ASPathFromIndex(mergeType, &path)) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Orch autosync get merge reader Fail, mergeType %u invalid", hdl->name,
                             mergeType);
         return nullptr;
     }
     if (hdl->mergeHandle == nullptr) return nullptr;
-    return ASOrchMergeRecs(hdl)[mergeType].mergeQue;
+    return ASOrchMergeRecOf(hdl, path)->mergeQue;
 }
 
 QOV_AS_API uint32_t ASOrchMergeBackPress(ASOrchHandle *hdl, uint32_t mergeType) {

@@ -1,9 +1,11 @@
 // A path's dispatch table: copies of the caller's dispatch entries in an
 // integer hash keyed by msgId. Nodes and the table block come from the
 // handle's memAlloc and go back to its memFree.
-#include "merge/merge_internal.h"
+#include "merge/merge_private.h"
 
 namespace {
+
+constexpr uint32_t kDispatchBuckets = 32;
 
 uint32_t FreeDispatchNode(ASIntHashNode *node, void *usrData) {
     static_cast<ASOrchHandle *>(usrData)->memFree(node);
@@ -29,6 +31,13 @@ uint32_t AddDispatchNode(ASIntHash *hash, const ASOrchMergeMsgDispatch *entry, A
     return 0;
 }
 
+uint32_t ASOrchCreatMergeMsgHashTable(ASIntHash *hash, const ASOrchMergePara *para, ASOrchHandle *hdl) {
+    for (uint64_t i = 0; i < para->dispatchNum; ++i) {
+        if (AddDispatchNode(hash, &para->dispatchTbl[i], hdl) != 0) return 1;
+    }
+    return 0;
+}
+
 }  // namespace
 
 void ASOrchFreeDispatchHash(ASOrchHandle *hdl, ASIntHash *hash) {
@@ -37,15 +46,8 @@ void ASOrchFreeDispatchHash(ASOrchHandle *hdl, ASIntHash *hash) {
     hdl->memFree(hash);
 }
 
-uint32_t ASOrchCreatMergeMsgHashTable(ASIntHash *hash, const ASOrchMergePara *para, ASOrchHandle *hdl) {
-    for (uint64_t i = 0; i < para->dispatchNum; ++i) {
-        if (AddDispatchNode(hash, &para->dispatchTbl[i], hdl) != 0) return 1;
-    }
-    return 0;
-}
-
 uint32_t ASOrchInitMergeMsg(ASOrchMergeRec *rec, const ASOrchMergePara *para, ASOrchHandle *hdl) {
-    ASIntHash *hash = ASIntHashCreate(AS_MERGE_DISPATCH_BUCKETS, hdl->memAlloc);
+    ASIntHash *hash = ASIntHashCreate(kDispatchBuckets, hdl->memAlloc);
     if (hash == nullptr) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Orch auto sync merge msg dispatch hash new Fail", hdl->name);
         return 1;

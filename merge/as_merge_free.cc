@@ -1,5 +1,5 @@
 // Release of a handle's merge records: dispatch tables, queues, the block.
-#include "merge/merge_internal.h"
+#include "merge/merge_private.h"
 #include "mergeque/mergeque_internal.h"
 
 namespace {
@@ -39,19 +39,15 @@ void FreeMergeRec(ASOrchHandle *hdl, ASOrchMergeRec *rec) {
 
 void ASOrchMergeStopReaders(ASOrchHandle *hdl) {
     if (hdl->mergeHandle == nullptr) return;
-    for (uint32_t i = 0; i < AS_MERGE_PATH_NUM; ++i) StopReader(&ASOrchMergeRecs(hdl)[i]);
-}
-
-void ASOrchFreeMergeMsg(ASOrchHandle *hdl, ASOrchMergeRec *recs) {
-    // Both readers stop before anything goes: a reader's handlers may reach
-    // the other path through direct dispatch.
-    for (uint32_t i = 0; i < AS_MERGE_PATH_NUM; ++i) StopReader(&recs[i]);
-    for (uint32_t i = 0; i < AS_MERGE_PATH_NUM; ++i) FreeMergeRec(hdl, &recs[i]);
+    for (ASOrchPath path : AS_PATHS) StopReader(ASOrchMergeRecOf(hdl, path));
 }
 
 void ASOrchFreeMergeHandle(ASOrchHandle *hdl) {
     if (hdl->mergeHandle == nullptr) return;
-    ASOrchFreeMergeMsg(hdl, ASOrchMergeRecs(hdl));
+    // Both readers stop before anything goes: a reader's handlers may reach
+    // the other path through direct dispatch.
+    for (ASOrchPath path : AS_PATHS) StopReader(ASOrchMergeRecOf(hdl, path));
+    for (ASOrchPath path : AS_PATHS) FreeMergeRec(hdl, ASOrchMergeRecOf(hdl, path));
     hdl->memFree(hdl->mergeHandle);
     hdl->mergeHandle = nullptr;
     QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "%s, Orch auto sync free merge handle ok.", hdl->name);

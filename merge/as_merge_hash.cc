@@ -1,7 +1,7 @@
 // Bucket computation offered to the orchestrator's merge-queue hash function.
 #include <cstring>
 
-#include "merge/merge_internal.h"
+#include "merge/merge_private.h"
 
 namespace {
 
@@ -29,11 +29,13 @@ uint32_t FinalMix(uint32_t h) {
     return h;
 }
 
-// Without the handle's merge records the queue default stands in.
+// Without the handle's merge records, or for a merge type that names no
+// queue's path, the queue default stands in.
 uint32_t BucketCount(const ASOrchHandle *hdl, uint32_t mergeType) {
-    if (mergeType >= AS_MERGE_PATH_NUM || hdl == nullptr || hdl->mergeHandle == nullptr)
+    ASOrchPath path;
+    if (!ASPathFromIndex(mergeType, &path) || hdl == nullptr || hdl->mergeHandle == nullptr)
         return AS_MERGE_DEF_HASH_SIZE;
-    return ASOrchMergeRecs(hdl)[mergeType].hashSize;
+    return ASOrchMergeRecOf(hdl, path)->hashSize;
 }
 
 }  // namespace

@@ -1,14 +1,12 @@
 // Creation of a path's merge queue on the Data thread's epoll loop.
-#include "merge/merge_internal.h"
+#include "merge/merge_private.h"
 
 namespace {
 
-const char *PathName(uint32_t mergeType) { return mergeType == AS_MERGE_PATH_DAM ? "DAM" : "FES"; }
+const char *PathName(ASOrchPath path) { return path == ASOrchPath::DAM ? "DAM" : "FES"; }
 
-}  // namespace
-
-MergeQueCtrlBlk *ASOrchCreatMergeQueue(ASOrchHandle *hdl, const char *name, int32_t epFd,
-                                       const ASOrchMergePara *para, uint32_t mergeType) {
+MergeQueCtrlBlk *CreatMergeQueue(ASOrchHandle *hdl, const char *name, int32_t epFd, const ASOrchMergePara *para,
+                                 ASOrchPath path) {
     MergeQueCreatePara qp = {
         .mallocFunc = hdl->memAlloc,
         .freeFunc = hdl->memFree,
@@ -19,19 +17,19 @@ MergeQueCtrlBlk *ASOrchCreatMergeQueue(ASOrchHandle *hdl, const char *name, int3
         .cmpFunc = ASOrchPubCmpFunc,
         .epFd = epFd,
         .getKeyPtr = ASOrchPubGetKeyPtr,
-        .schedFunc = mergeType == AS_MERGE_PATH_DAM ? ORCH_AutoSyncRecvDamMerge : ORCH_AutoSyncRecvFesMerge,
+        .schedFunc = path == ASOrchPath::DAM ? ORCH_AutoSyncRecvDamMerge : ORCH_AutoSyncRecvFesMerge,
         .mergeFunc = ASOrchPubMergeNotify,
     };
     return QOV_MergeQueCreate(name, &qp);
 }
 
-uint32_t ASOrchRegMQue(ASOrchHandle *hdl, ASOrchMergeRec *rec, const ASOrchMergePara *para, uint32_t mergeType) {
+uint32_t RegMQue(ASOrchHandle *hdl, ASOrchMergeRec *rec, const ASOrchMergePara *para, ASOrchPath path) {
     char name[MERGE_QUE_NAME_LEN];
-    if (sprintf_s(name, sizeof name, "%s_%s", hdl->name, PathName(mergeType)) < 0) {
+    if (sprintf_s(name, sizeof name, "%s_%s", hdl->name, PathName(path)) < 0) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Orch autosync create MQUE sprint mQname fail", hdl->name);
         return 1;
     }
-    rec->mergeQue = ASOrchCreatMergeQueue(hdl, name, rec->epFd, para, mergeType);
+    rec->mergeQue = CreatMergeQueue(hdl, name, rec->epFd, para, path);
     if (rec->mergeQue == nullptr) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, %s Register Orch autosync create MQUE fail", hdl->name, name);
         return 1;
@@ -40,8 +38,10 @@ uint32_t ASOrchRegMQue(ASOrchHandle *hdl, ASOrchMergeRec *rec, const ASOrchMerge
     return 0;
 }
 
+}  // namespace
+
 uint32_t ASOrchCreatMergeQueAndFlowCtl(ASOrchHandle *hdl, ASOrchMergeRec *rec, const ASOrchMergePara *para,
-                                       uint32_t mergeType) {
-    if (ASOrchRegMQue(hdl, rec, para, mergeType) != 0) return 1;
-    return ASOrchRegMQueFlowCtl(hdl, rec, para, mergeType);
+                                       ASOrchPath path) {
+    if (RegMQue(hdl, rec, para, path) != 0) return 1;
+    return ASOrchRegMQueFlowCtl(hdl, rec, para, path);
 }

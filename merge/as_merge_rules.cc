@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <cstring>
 
-#include "merge/merge_internal.h"
+#include "merge/merge_private.h"
 
 static_assert(sizeof(ASOrchMergeMsgVec) == 56);
 static_assert(offsetof(ASOrchMergeMsgVec, key) == 8);
@@ -49,7 +49,11 @@ uint32_t ASOrchGetMergeRule(uint32_t storedOp, uint32_t incomingOp, uint32_t *me
     return 0;
 }
 
-void ASOrchPubMergeRule(const ASOrchMergeMsgVec *stored, ASOrchMergeMsgVec *incoming) {
+namespace {
+
+// The incoming op becomes the rule table's merge of the stored and incoming
+// ops; an age-info op or a pair without a rule leaves it as it is (logged).
+void PubMergeRule(const ASOrchMergeMsgVec *stored, ASOrchMergeMsgVec *incoming) {
     if (incoming->opType == kAgeInfoOp) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "Orch autosync merge notify is ageinfo error, msgId %u", incoming->msgId);
         return;
@@ -62,6 +66,8 @@ void ASOrchPubMergeRule(const ASOrchMergeMsgVec *stored, ASOrchMergeMsgVec *inco
     incoming->opType = merged;
 }
 
+}  // namespace
+
 // The queue calls this when a write meets a queued entry with the same key and
 // then copies the incoming vector over the stored one: the stored buffer is
 // released here, the incoming buffer takes its place.
@@ -69,7 +75,7 @@ void ASOrchPubMergeRule(const ASOrchMergeMsgVec *stored, ASOrchMergeMsgVec *inco
 void ASOrchPubMergeNotify(void *incoming, void *stored) {
     auto *in = static_cast<ASOrchMergeMsgVec *>(incoming);
     auto *st = static_cast<ASOrchMergeMsgVec *>(stored);
-    ASOrchPubMergeRule(st, in);
+    PubMergeRule(st, in);
     if (st->key == nullptr) return;
     st->usrData->memFree(st->key);
     st->key = nullptr;

@@ -1,54 +1,23 @@
 // Write side: messages into the path's merge queue (merge types 0..3) or
-// straight to the path's handlers (4 and above).
-#include "merge/merge_internal.h"
+// straight to the path's handlers (4 and above). The merge type becomes a
+// path here, once.
+#include "merge/merge_private.h"
 
 namespace {
 
-uint32_t QueuePath(uint32_t mergeType) {
-    return mergeType == AS_ORCH_MERGE_FES || mergeType == AS_ORCH_MERGE_FES_TAIL ? AS_MERGE_PATH_FES
-                                                                                 : AS_MERGE_PATH_DAM;
-}
+// What a merge type asks for: the path, and whether the message is queued
+// (and then whether a merged entry moves to the tail) or dispatched at once.
+struct MergeRoute {
+    ASOrchPath path;
+    bool queued;
+    uint32_t moveToTail;
+};
 
-}  // namespace
-
-extern "C" QOV_AS_API uint32_t ASOrchMsgMerge(ASOrchHandle *hdl, uint32_t mergeType, ASOrchMergeMsgVec *vec) {
-    if (hdl == nullptr) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "Orch autosync send merge msg handle is NULL");
-        return 1;
-    }
-    if (vec == nullptr) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Orch autosync send merge msg vec is NULL", hdl->name);
-        return 1;
-    }
-    if (mergeType < AS_ORCH_MERGE_DAM_DIRECT) return ASOrchMsgMergeInner(hdl, mergeType, vec);
-    return ASOrchMsgNoMerge(hdl, mergeType, vec);
-}
-
-uint32_t ASOrchMsgMergeInner(ASOrchHandle *hdl, uint32_t mergeType, const ASOrchMergeMsgVec *vec) {
-    if (hdl->mergeHandle == nullptr) return 1;
-    MergeQueCtrlBlk *que = ASOrchMergeRecs(hdl)[QueuePath(mergeType)].mergeQue;
-    if (que == nullptr) return 1;
-    uint32_t moveToTail = mergeType >= AS_ORCH_MERGE_DAM_TAIL ? 1u : 0u;
-    return ASOrchWriteMsgMerge(hdl, que, vec, moveToTail);
-}
-
-uint32_t ASOrchWriteMsgMerge(ASOrchHandle *hdl, MergeQueCtrlBlk *que, const ASOrchMergeMsgVec *vec,
-                             uint32_t moveToTail) {
-    if (vec->keySize == 0 || vec->key == nullptr) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Orch auto sync merge msg failed. key size is %u", hdl->name,
-                            static_cast<uint32_t>(vec->keySize));
-        return 1;
-    }
-    ASOrchMergeMsgVec copy = *vec;
-    copy.usrData = nullptr;
-    if (ASOrchMsgVecCopyAlloc(hdl, vec, &copy) != 0) return 1;
-    // The vector is its own key: the queue hashes and compares it whole.
-    if (QOV_MergeQueWrite(que, &copy, &copy, moveToTail) != 0) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Orch auto sync merge msg failed. write mqueue fail", hdl->name);
-        hdl->memFree(copy.key);
-        return 1;
-    }
-    return 0;
+MergeRoute RouteOf(uint32_t mergeType) {
+    if (mergeType >= AS_ORCH_MERGE_DAM_DIRECT)
+        return {mergeType == AS_ORCH_MERGE_DAM_DIRECT ? ASOrchPath::DAM : ASOrchPath::FES, false, 0};
+    const bool fes = mergeType == AS_ORCH_MERGE_FES || mergeType == AS_ORCH_MERGE_FES_TAIL;
+    return {fes ? ASOrchPath::FES : ASOrchPath::DAM, true, mergeType >= AS_ORCH_MERGE_DAM_TAIL ? 1u : 0u};
 }
 
 // One buffer of keySize + dataSize bytes, key first and data right behind
@@ -56,7 +25,7 @@ uint32_t ASOrchWriteMsgMerge(ASOrchHandle *hdl, MergeQueCtrlBlk *que, const ASOr
 // failed allocation. Data is copied only when there is some (a non-zero size
 // and a pointer); otherwise data is cleared so no handler sees a dangling
 // caller pointer.
-uint32_t ASOrchMsgVecCopyAlloc(ASOrchHandle *hdl, const ASOrchMergeMsgVec *src, ASOrchMergeMsgVec *dst) {
+uint32_t MsgVecCopyAlloc(ASOrchHandle *hdl, const ASOrchMergeMsgVec *src, ASOrchMergeMsgVec *dst) {
     void *buf = nullptr;
     if (src->keySize <= UINT32_MAX && src->dataSize <= UINT32_MAX - src->keySize)
         buf = hdl->memAlloc(static_cast<uint32_t>(src->keySize + src->dataSize));
@@ -80,13 +49,52 @@ uint32_t ASOrchMsgVecCopyAlloc(ASOrchHandle *hdl, const ASOrchMergeMsgVec *src, 
     return 0;
 }
 
+uint32_t WriteMsgMerge(ASOrchHandle *hdl, MergeQueCtrlBlk *que, const ASOrchMergeMsgVec *vec, uint32_t moveToTail) {
+    if (vec->keySize == 0 || vec->key == nullptr) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Orch auto sync merge msg failed. key size is %u", hdl->name,
+                            static_cast<uint32_t>(vec->keySize));
+        return 1;
+    }
+    ASOrchMergeMsgVec copy = *vec;
+    copy.usrData = nullptr;
+    if (MsgVecCopyAlloc(hdl, vec, &copy) != 0) return 1;
+    // The vector is its own key: the queue hashes and compares it whole.
+    if (QOV_MergeQueWrite(que, &copy, &copy, moveToTail) != 0) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Orch auto sync merge msg failed. write mqueue fail", hdl->name);
+        hdl->memFree(copy.key);
+        return 1;
+    }
+    return 0;
+}
+
+uint32_t MsgMergeInner(ASOrchHandle *hdl, const MergeRoute &route, const ASOrchMergeMsgVec *vec) {
+    if (hdl->mergeHandle == nullptr) return 1;
+    MergeQueCtrlBlk *que = ASOrchMergeRecOf(hdl, route.path)->mergeQue;
+    if (que == nullptr) return 1;
+    return WriteMsgMerge(hdl, que, vec, route.moveToTail);
+}
+
 // The handler gets the caller's vector as it is: nothing copied or freed.
-uint32_t ASOrchMsgNoMerge(ASOrchHandle *hdl, uint32_t mergeType, ASOrchMergeMsgVec *vec) {
-    uint32_t path = mergeType == AS_ORCH_MERGE_DAM_DIRECT ? AS_MERGE_PATH_DAM : AS_MERGE_PATH_FES;
+uint32_t MsgNoMerge(ASOrchHandle *hdl, ASOrchPath path, ASOrchMergeMsgVec *vec) {
     if (ASOrchRecvDispatch(hdl, path, vec) != 0) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[%s] msg proc Not merge failed! msgId:%u, opType:%u", hdl->name,
                             vec->msgId, vec->opType);
         return 1;
     }
     return 0;
+}
+
+}  // namespace
+
+extern "C" QOV_AS_API uint32_t ASOrchMsgMerge(ASOrchHandle *hdl, uint32_t mergeType, ASOrchMergeMsgVec *vec) {
+    if (hdl == nullptr) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "Orch autosync send merge msg handle is NULL");
+        return 1;
+    }
+    if (vec == nullptr) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Orch autosync send merge msg vec is NULL", hdl->name);
+        return 1;
+    }
+    const MergeRoute route = RouteOf(mergeType);
+    return route.queued ? MsgMergeInner(hdl, route, vec) : MsgNoMerge(hdl, route.path, vec);
 }

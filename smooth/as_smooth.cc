@@ -3,14 +3,20 @@
 #include <cstring>
 
 #include "qov_as_log.h"
-#include "smooth/smooth_internal.h"
+#include "smooth/smooth_private.h"
+
+namespace {
+
+constexpr uint32_t AS_SMOOTH_PROC_NUM = 207;      // handler rows, optType 0..206
+constexpr uint32_t AS_SMOOTH_BATCH_FIRST = 193;   // first type of the batch remapping
+constexpr uint32_t AS_SMOOTH_BATCH_NUM = 14;      // types 193..206
+constexpr uint32_t AS_SMOOTH_BATCH_MASK = 0x270F; // bit (type - 193): the row is used
+constexpr uint32_t AS_SMOOTH_BATCH_NONE = 3;      // batch type when no row is used
 
 // New type and batch type per first type 193..206; rows outside the mask are
 // never read (zero here).
-const uint32_t g_ASOrchSmoothTlvType[AS_SMOOTH_BATCH_NUM] = {10, 11, 10, 11, 0, 0, 0, 0, 16, 17, 16, 0, 0, 17};
-const uint32_t g_ASOrchSmoothBatchType[AS_SMOOTH_BATCH_NUM] = {1, 1, 2, 2, 0, 0, 0, 0, 1, 1, 2, 0, 0, 2};
-
-namespace {
+constexpr uint32_t kSmoothTlvType[AS_SMOOTH_BATCH_NUM] = {10, 11, 10, 11, 0, 0, 0, 0, 16, 17, 16, 0, 0, 17};
+constexpr uint32_t kSmoothBatchType[AS_SMOOTH_BATCH_NUM] = {1, 1, 2, 2, 0, 0, 0, 0, 1, 1, 2, 0, 0, 2};
 
 constexpr std::array<ASOrchSmoothProcFunc, AS_SMOOTH_PROC_NUM> MakeSmoothProc() {
     std::array<ASOrchSmoothProcFunc, AS_SMOOTH_PROC_NUM> t{};
@@ -29,20 +35,10 @@ uint32_t LoadU32(const uint8_t *p) {
     return v;
 }
 
-}  // namespace
+constexpr std::array<ASOrchSmoothProcFunc, AS_SMOOTH_PROC_NUM> kSmoothProc = MakeSmoothProc();
 
-constinit const std::array<ASOrchSmoothProcFunc, AS_SMOOTH_PROC_NUM> g_ASOrchSmoothProc = MakeSmoothProc();
-
-// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): two results, named at every call
-void ASOrchTransTblSmoothGetTlvAndBatchType(uint32_t first, uint32_t *type, uint32_t *batchType) {
-    *type = first;
-    *batchType = AS_SMOOTH_BATCH_NONE;
-    uint32_t row = first - AS_SMOOTH_BATCH_FIRST;  // wraps far above the rows for types below 193
-    if (row >= AS_SMOOTH_BATCH_NUM || (AS_SMOOTH_BATCH_MASK & (1u << row)) == 0) return;
-    *type = g_ASOrchSmoothTlvType[row];
-    *batchType = g_ASOrchSmoothBatchType[row];
-}
-
+// The handler of the smoothing TLV at the front of tlv; -1 for a type without
+// one and for a tlv too short to hold a smoothing head.
 int32_t ASOrchSmoothMsgProc(ASOrchHandle *hdl, std::span<const uint8_t> tlv, const TblMsgCtrlTrans *ctrl,
                             uint32_t batchType) {
     if (tlv.size() < sizeof(ASOrchSmoothTlvHead)) {
@@ -51,8 +47,20 @@ int32_t ASOrchSmoothMsgProc(ASOrchHandle *hdl, std::span<const uint8_t> tlv, con
         return -1;
     }
     uint32_t optType = LoadU32(tlv.data());
-    if (optType >= AS_SMOOTH_PROC_NUM || g_ASOrchSmoothProc[optType] == nullptr) return -1;
-    return g_ASOrchSmoothProc[optType](hdl, tlv, ctrl, batchType);
+    if (optType >= AS_SMOOTH_PROC_NUM || kSmoothProc[optType] == nullptr) return -1;
+    return kSmoothProc[optType](hdl, tlv, ctrl, batchType);
+}
+
+}  // namespace
+
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): two results, named at every call
+void ASOrchTransTblSmoothGetTlvAndBatchType(uint32_t first, uint32_t *type, uint32_t *batchType) {
+    *type = first;
+    *batchType = AS_SMOOTH_BATCH_NONE;
+    uint32_t row = first - AS_SMOOTH_BATCH_FIRST;  // wraps far above the rows for types below 193
+    if (row >= AS_SMOOTH_BATCH_NUM || (AS_SMOOTH_BATCH_MASK & (1u << row)) == 0) return;
+    *type = kSmoothTlvType[row];
+    *batchType = kSmoothBatchType[row];
 }
 
 uint32_t ASOrchTransTblSmooth(ASOrchHandle *hdl, const ASOrchTransTlv *tlv, const TblMsgCtrlTrans *ctrl) {

@@ -8,7 +8,7 @@
 
 #include "qov_as_log.h"
 #include "qov_utils_smooth.h"
-#include "smooth/smooth_internal.h"
+#include "smooth/smooth_private.h"
 
 namespace {
 
@@ -54,23 +54,7 @@ void Slots(const TblMsgCtrlTrans *ctrl, const ASOrchSmoothTlvHead &h, uint32_t b
     }
 }
 
-// The steps shared by every class: check, build, slots; the bytes remaining after.
-template <class Rec, class Entry5, class Entry4>
-int32_t Proc(std::span<const uint8_t> tlv, uint32_t fixedLen, const TblMsgCtrlTrans *ctrl, uint32_t batchType,
-             bool recToCallbacks, Entry5 entry5, Entry4 entry4) {
-    ASOrchSmoothTlvHead h = Head(tlv);
-    if (ASOrchSmoothMsgCheck(&h, fixedLen, static_cast<uint32_t>(tlv.size())) != 0) return -1;
-    Rec rec{};
-    if constexpr (!std::is_empty_v<Rec>) rec = Build<Rec>(tlv, fixedLen);
-    Slots(ctrl, h, batchType, recToCallbacks ? &rec : nullptr, recToCallbacks ? sizeof(Rec) : 0,
-          [&] { entry5(h.optType, &rec); }, [&] { entry4(h.optType, &rec); });
-    return static_cast<int32_t>(tlv.size() - fixedLen);
-}
-
-struct NoRec {};
-
-}  // namespace
-
+// 0 when length is the type's fixed length and fits in remaining, else 1 (logged).
 uint32_t ASOrchSmoothMsgCheck(const ASOrchSmoothTlvHead *head, uint32_t fixedLen, uint32_t remaining) {
     if (head->length == fixedLen && head->length <= remaining) return 0;
     QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "smooth check msgSize failed. tableId = %u, optType = %u, length = %u, msgSize = %u",
@@ -78,6 +62,7 @@ uint32_t ASOrchSmoothMsgCheck(const ASOrchSmoothTlvHead *head, uint32_t fixedLen
     return 1;
 }
 
+// Platform entries of the begin/end classes; begin and end are told apart by optType.
 void ASOrchVrfStateEntry(const ASOrchHandle *hdl, uint32_t optType, ASOrchSmoothClassStateRec *rec) {
     if (optType == kVrfStateBegin) {
         QOV_ENTRY_ProcVrfStateBegin(rec);
@@ -117,6 +102,23 @@ void ASOrchLrDataEntryWithType(uint32_t optType, ASOrchSmoothLrClassRec *rec, ui
         QOV_ENTRY_ProcLrDataEndWithType(rec, batchType);
     }
 }
+
+// The steps shared by every class: check, build, slots; the bytes remaining after.
+template <class Rec, class Entry5, class Entry4>
+int32_t Proc(std::span<const uint8_t> tlv, uint32_t fixedLen, const TblMsgCtrlTrans *ctrl, uint32_t batchType,
+             bool recToCallbacks, Entry5 entry5, Entry4 entry4) {
+    ASOrchSmoothTlvHead h = Head(tlv);
+    if (ASOrchSmoothMsgCheck(&h, fixedLen, static_cast<uint32_t>(tlv.size())) != 0) return -1;
+    Rec rec{};
+    if constexpr (!std::is_empty_v<Rec>) rec = Build<Rec>(tlv, fixedLen);
+    Slots(ctrl, h, batchType, recToCallbacks ? &rec : nullptr, recToCallbacks ? sizeof(Rec) : 0,
+          [&] { entry5(h.optType, &rec); }, [&] { entry4(h.optType, &rec); });
+    return static_cast<int32_t>(tlv.size() - fixedLen);
+}
+
+struct NoRec {};
+
+}  // namespace
 
 int32_t ASOrchSmoothClassState(ASOrchHandle *hdl, std::span<const uint8_t> tlv, const TblMsgCtrlTrans *ctrl,
                                uint32_t batchType) {

@@ -10,7 +10,7 @@
 #include "core/as_handle.h"
 #include "qov_as_syncgrp.h"
 
-constexpr uint32_t AS_SYNC_GRP_ID_NONE = 0xFFFFFFFFu;
+#include "core/base/as_consts.h"
 
 // Which EAL sync-group id each kind got at registration.
 struct ASOrchSyncGrpRes {

@@ -23,7 +23,8 @@ typedef struct QovHostLogLine {
 
 /* Echo each line to stderr (default on). */
 QOV_PLAT_API void QovHostLogEcho(int toStderr);
-/* Keep lines in memory (default on). */
+/* Keep lines in memory, up to 65 536 (default off: a process that never
+ * reads them back keeps none). */
 QOV_PLAT_API void QovHostLogCapture(int on);
 QOV_PLAT_API uint32_t QovHostLogCount(void);
 /* Copies line i (0 = oldest kept); 0 on success, -1 when i is out of range. */
@@ -46,6 +47,7 @@ typedef struct QovHostCall {
     uint8_t rec[QOV_HOST_CALL_REC];
 } QovHostCall;
 
+/* Record calls, up to 65 536 (default off). */
 QOV_PLAT_API void QovHostJournalEnable(int on);
 QOV_PLAT_API uint32_t QovHostJournalCount(void);
 /* Copies call i; 0 on success, -1 when i is out of range. */

@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include <string>
 
 #include "qov_as_log.h"
@@ -43,6 +45,24 @@ TEST_F(HostTest, LogLevelIsAcceptedAndNotWritten) {
 TEST_F(HostTest, LogHandsTheFormattedTextOverVerbatim) {
     QOV_AUTOSYNC_QovLog(0, "%s", "100%d %s");
     EXPECT_EQ(Logs(), (std::vector<std::string>{"100%d %s"}));
+}
+
+// An orchestrator that never touches the control header keeps no lines and no
+// calls in memory, however long it runs.
+TEST_F(HostTest, HostKeepsNothingUnlessCaptureAndJournalAreTurnedOn) {
+    QovHostReset();
+    QOV_AUTOSYNC_QovLog(1, "%s", "dropped");
+    int fd = eventfd_s(0, 0);
+    EXPECT_EQ(QovHostLogCount(), 0u);
+    EXPECT_EQ(QovHostJournalCount(), 0u);
+    QovHostLogCapture(1);
+    QovHostJournalEnable(1);
+    QOV_AUTOSYNC_QovLog(1, "%s", "kept");
+    int fd2 = eventfd_s(0, 0);
+    EXPECT_EQ(Logs(), (std::vector<std::string>{"kept"}));
+    EXPECT_EQ(QovHostJournalCountOf("eventfd_s"), 1u);
+    close(fd);
+    close(fd2);
 }
 
 }  // namespace

@@ -6,7 +6,7 @@
 
 #include <set>
 
-#include "inbound/inbound_internal.h"
+#include "inbound/inbound_private.h"
 #include "support/test_env.h"
 
 namespace inboundtest {

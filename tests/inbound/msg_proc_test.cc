@@ -86,7 +86,7 @@ protected:
         base.damMerge = {g_dispatch, 2, 64, Hash<0>, 0, 0};
         base.fesMerge = {g_dispatch, 2, 64, Hash<1>, 0, 0};
         base.recvTblMsgList[0] = {recv_.data(), static_cast<uint32_t>(recv_.size())};
-        ASSERT_EQ(ASOrchRegMerge(hdl_, &base), 0u);
+        ASSERT_EQ(ASOrchRegMerge(hdl_, &base, AS_SYNC_GRP_ID_NONE), 0u);
         ASSERT_EQ(Reg([&] { return ASOrchRegTblMsg(hdl_, &base); }), 0u);
         QovHostLogClear();
     }

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "inbound_fixture.h"
-#include "smooth/smooth_internal.h"
+#include "smooth/smooth_private.h"
 #include "support/msg_encode.h"
 
 namespace inboundtest {

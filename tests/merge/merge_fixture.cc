@@ -54,7 +54,7 @@ uint32_t MergeTest::Reg(const ASOrchMergePara &dam, const ASOrchMergePara &fes) 
     ASOrchBasePara base{};
     base.damMerge = dam;
     base.fesMerge = fes;
-    return ASOrchRegMerge(hdl_, &base);
+    return ASOrchRegMerge(hdl_, &base, AS_SYNC_GRP_ID_NONE);
 }
 
 uint32_t MergeTest::Put(uint32_t type, uint32_t msgId, uint32_t op, const std::string &key, const std::string &data) {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "merge/merge_internal.h"
+#include "merge/merge_private.h"
 #include "support/test_env.h"
 
 namespace mergetest {

@@ -158,7 +158,7 @@ std::atomic<bool> g_tableGone{false};
 // reach the release; every handler then checks its dispatch table is still there.
 uint32_t SlowReader(ASOrchHandle *hdl, ASOrchMergeMsgVec *) {
     if (g_reads++ == 0) std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    if (hdl->mergeHandle == nullptr || hdl->mergeHandle[AS_MERGE_PATH_DAM].dispatchHash == nullptr) g_tableGone = true;
+    if (hdl->mergeHandle == nullptr || hdl->mergeHandle[ASPathIndex(ASOrchPath::DAM)].dispatchHash == nullptr) g_tableGone = true;
     return 0;
 }
 

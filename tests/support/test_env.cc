@@ -36,6 +36,8 @@ std::vector<QovHostCall> Calls(const char *op) {
 void HostTest::SetUp() {
     QovHostReset();
     QovHostLogEcho(0);
+    QovHostLogCapture(1);
+    QovHostJournalEnable(1);
     AllocReset();
 }
 

@@ -36,8 +36,10 @@ constexpr size_t kMaxLogLines = 1u << 16;  // about 35 MB at most: a long run ke
 constexpr size_t kMaxJournal = 1u << 16;
 
 std::atomic<bool> g_echo{true};
-std::atomic<bool> g_capture{true};
-std::atomic<bool> g_journalOn{true};
+// Capture and journal are for tests and examples that read them back; an
+// orchestrator that never turns them on pays nothing for them.
+std::atomic<bool> g_capture{false};
+std::atomic<bool> g_journalOn{false};
 
 template <size_t N>
 void CopyStr(char (&dst)[N], const char *src) {
@@ -192,8 +194,8 @@ QOV_PLAT_API void QovHostReset(void) {
     QovHostJournalClear();
     QovHostFailClear();
     g_echo = true;
-    g_capture = true;
-    g_journalOn = true;
+    g_capture = false;
+    g_journalOn = false;
     qovhost::g_roleMb = 1;
     qovhost::g_slot = 1;
     qovhost::g_cpu = 0;
