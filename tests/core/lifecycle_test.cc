@@ -7,7 +7,7 @@
 #include <string>
 #include <thread>
 
-#include "core/as_handle.h"
+#include "core/base/as_handle.h"
 #include "qov_utils_eal.h"
 #include "support/test_env.h"
 

@@ -579,7 +579,9 @@ void Serve(CtlEndpoint *c) {
         pfd.push_back({c->listenFd, static_cast<short>(clients.size() < kClientsMax ? POLLIN : 0), 0});
         Clock::time_point next = Clock::now() + kIdle;
         for (const Client &cl : clients) {
-            auto ev = static_cast<short>(cl.phase == Client::Phase::kRead ? POLLIN : cl.phase == Client::Phase::kWrite ? POLLOUT : 0);
+            auto ev = static_cast<short>(cl.phase == Client::Phase::kRead    ? POLLIN
+                                         : cl.phase == Client::Phase::kWrite ? POLLOUT
+                                                                             : 0);
             pfd.push_back({cl.fd, ev, 0});
             next = std::min({next, cl.deadline, cl.end});
         }
@@ -590,7 +592,9 @@ void Serve(CtlEndpoint *c) {
         }
         if ((pfd[0].revents & POLLIN) != 0) Drain(c->wakeFd);
         if ((pfd[1].revents & POLLIN) != 0) Accept(*c, clients);
-        for (size_t i = 0; i < clients.size(); ++i) Step(*c, clients[i], i + 2 < pfd.size() ? pfd[i + 2].revents : short{0});
+        // Clients accepted just now were not polled: their turn comes next round.
+        for (size_t i = 0; i < clients.size(); ++i)
+            Step(*c, clients[i], i + 2 < pfd.size() ? pfd[i + 2].revents : static_cast<short>(0));
         std::erase_if(clients, [](const Client &cl) {
             if (cl.phase != Client::Phase::kDone) return false;
             close(cl.fd);

@@ -183,6 +183,7 @@ QOV_PLAT_API void QOV_EAL_Destroy(void *eal) {
     qovhost::CloseAll(e);
     for (qovhost::EalChannel &c : e->chan) qovhost::LinkClose(c.link);
     for (qovhost::EalSyncGrp &g : e->syncGrp) qovhost::LinkClose(g.link);
+    qovhost::RecorderFree(*e);
     delete e;
 }
 

@@ -88,6 +88,7 @@ bool Deliver(Link &l) {
     ++l.framesIn;
     Link::Bump(l.bytesIn, QOV_HOST_FRAME_HDR_LEN + static_cast<uint64_t>(l.msgLen));
     std::span<uint8_t> body(l.buf.get() + QOV_HOST_FRAME_HDR_LEN, l.msgLen);
+    RecordFrame(l, l.msgId, body.data(), l.msgLen);
     if (l.kind == Link::Kind::kSync) return DeliverSync(l.eal->syncGrp[l.index], body);
     QovHostIpcMsg msg{body.data(), l.msgId, l.msgLen};
     uint32_t ret = 0;
