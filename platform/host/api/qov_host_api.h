@@ -129,8 +129,9 @@ typedef uint32_t (*QovHostChanRecvFunc)(void *ctx, QovHostIpcMsg *msg);
 QOV_PLAT_API uint32_t QovHostChanSetRecv(void *eal, uint32_t chanIdx, QovHostChanRecvFunc fn, void *ctx);
 
 /* ---- Sync groups ----
- * A sync group links two peer instances (in one process or two) over a
- * loopback TCP connection: one side listens, the other connects, per group id.
+ * A sync group links two peer instances (in one process or two) over a TCP
+ * connection, on loopback unless an address is given: one side listens, the
+ * other connects, per group id.
  * Both calls are made after the group's registration; the link is set up
  * once the instance is started (at once when it already is). The connecting
  * side reconnects with the channels' back-off; the listening side accepts the
@@ -176,6 +177,20 @@ QOV_PLAT_API uint32_t QovHostSyncSetRecv(void *eal, uint32_t grpId, QovHostSyncR
 QOV_PLAT_API uint32_t QovHostSyncListen(void *eal, uint32_t grpId, uint16_t *port);
 /* Connects to the peer listening on 127.0.0.1:port (host byte order). */
 QOV_PLAT_API uint32_t QovHostSyncConnect(void *eal, uint32_t grpId, uint16_t port);
+/* The same on any IPv4 address of the host, addr in network byte order (as
+ * inet_pton gives it): a standby on another host connects to the address its
+ * active peer listens on. INADDR_ANY listens on every address. */
+QOV_PLAT_API uint32_t QovHostSyncListenAddr(void *eal, uint32_t grpId, uint32_t addr, uint16_t *port);
+QOV_PLAT_API uint32_t QovHostSyncConnectAddr(void *eal, uint32_t grpId, uint32_t addr, uint16_t port);
+
+/* ---- Role of the process ----
+ * Whether this process runs in the MB role, the one the broker serves: what
+ * QOV_EAL_SelfRoleIsMb answers for every instance of the process (1 until set).
+ * An orchestrator sets it before it creates an instance: a standby sets 0, and
+ * sets 1 when it takes over, before it creates its active instance. The
+ * channels of an instance started outside the MB role are registered but stay
+ * idle (they do not connect to the broker); its sync-group links run. */
+QOV_PLAT_API void QovHostSetRoleMb(uint32_t isMb);
 
 /* ---- Recording ----
  * Writes every frame that the instance's channels and sync-group links
