@@ -262,6 +262,7 @@ struct LITE_HASH {
     uint8_t **slabs;     // every slab, in address order
     uint32_t slabNum;
     uint32_t slabCap;
+    uint8_t *hitSlab;    // the slab of the last removal by an element's own key
     uint8_t **fresh;     // slabs kept at a trim, not carved since
     uint32_t freshNum;
     uint32_t live;       // elements taken and not released
@@ -401,7 +402,7 @@ uint32_t SlabPos(const LITE_HASH_S *h, uintptr_t a) {
 }
 
 // Carving goes on in a kept slab, or in a new one.
-bool NextSlab(LITE_HASH_S *h) {
+__attribute__((noinline)) bool NextSlab(LITE_HASH_S *h) {
     if (h->freshNum != 0) {
         h->carve = h->fresh[--h->freshNum];
     } else {
@@ -429,7 +430,7 @@ bool NextSlab(LITE_HASH_S *h) {
 // A released element, or a fresh one from a slab. The slot array is
 // doubled here, ahead of the add that would need it, whenever this call does
 // not take a slab already, so that an append allocates at most once.
-void *TakeElem(LITE_HASH_S *h) {
+inline __attribute__((always_inline)) void *TakeElem(LITE_HASH_S *h) {
     void *e = h->freeList;
     if (e != nullptr) {
         std::memcpy(&h->freeList, e, sizeof(void *));
@@ -450,12 +451,18 @@ void *TakeElem(LITE_HASH_S *h) {
 
 // The linked element whose bytes hold key, or null: a key inside a slab
 // belongs to the element whose stride it falls in.
-void *ElemHolding(const LITE_HASH_S *h, const void *key) {
+// The slab of the last hit is tried first: a reader takes entries in the
+// order they were carved more often than not.
+void *ElemHolding(LITE_HASH_S *h, const void *key) {
     auto a = reinterpret_cast<uintptr_t>(key);
-    uint32_t at = SlabPos(h, a + 1);  // the first slab above a
-    if (at == 0) return nullptr;
-    auto base = reinterpret_cast<uintptr_t>(h->slabs[at - 1]);
-    if (a - base >= SlabBytes(h)) return nullptr;
+    auto base = reinterpret_cast<uintptr_t>(h->hitSlab);
+    if (a - base >= SlabBytes(h)) {
+        uint32_t at = SlabPos(h, a + 1);  // the first slab above a
+        if (at == 0) return nullptr;
+        base = reinterpret_cast<uintptr_t>(h->slabs[at - 1]);
+        if (a - base >= SlabBytes(h)) return nullptr;
+        h->hitSlab = h->slabs[at - 1];
+    }
     uintptr_t elem = base + (a - base) / h->stride * h->stride + sizeof(ElemHdr);
     if (a < elem || a - elem >= h->elemSize) return nullptr;
     void *e = reinterpret_cast<void *>(elem);  // NOLINT(performance-no-int-to-ptr)
@@ -472,6 +479,7 @@ void Trim(LITE_HASH_S *h) {
     uint32_t keep = (need + h->slabElems - 1) / h->slabElems;
     if (keep >= h->slabNum && h->mask + 1 <= h->firstSlots) return;
     for (uint32_t i = keep; i < h->slabNum; ++i) BlockFree(h->slabs[i]);
+    h->hitSlab = nullptr;
     h->slabNum = std::min(keep, h->slabNum);
     for (uint32_t i = 0; i < h->slabNum; ++i) h->fresh[i] = h->slabs[i];
     h->freshNum = h->slabNum;
@@ -529,6 +537,7 @@ QOV_PLAT_API LITE_HASH_S *LITE_HASH_CreateWithLock(uint32_t memPtNo, uint16_t el
     h->carveLeft = 0;
     h->slabElems = std::clamp(bucketNum / 32, kMinSlabElems, kMaxSlabElems);
     h->slabs = h->fresh = nullptr;
+    h->hitSlab = nullptr;
     h->slabNum = h->slabCap = h->freshNum = 0;
     h->live = h->peak = h->prevPeak = 0;
     return h;
