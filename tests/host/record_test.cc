@@ -79,6 +79,9 @@ protected:
         ++*static_cast<std::atomic<uint32_t> *>(ctx);
         return 0;
     }
+    static void CountSync(void *ctx, uint32_t, QovHostSyncItem *, uint32_t) {
+        ++*static_cast<std::atomic<uint32_t> *>(ctx);
+    }
     void *eal_ = nullptr;
     std::string path_;
     std::atomic<uint32_t> got_{0};
@@ -136,6 +139,35 @@ TEST_F(RecordTest, BoundEndsRecordingLeavingACompleteFile) {
     ASSERT_EQ(stat(path_.c_str(), &sb), 0);
     EXPECT_LE(static_cast<uint64_t>(sb.st_size), bound);
     EXPECT_EQ(st.bytes, static_cast<uint64_t>(sb.st_size));
+}
+
+TEST_F(RecordTest, SyncFrameRecordedWithItsGroup) {
+    QOV_EAL_SyncGrpItem it{};
+    it.grpId = 5;
+    ASSERT_EQ(QOV_EAL_RegSyncGroup(eal_, &it, 1), 0u);
+    uint16_t port = 0;
+    ASSERT_EQ(QovHostSyncListen(eal_, 5, &port), 0u);
+    ASSERT_EQ(QovHostSyncSetRecv(eal_, 5, CountSync, &got_), 0u);
+    ASSERT_EQ(QovHostRecordStart(eal_, path_.c_str(), 1u << 20), 0u);
+    ASSERT_EQ(QOV_EAL_Start(eal_), 0u);
+    int peer = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(port);
+    to.sin_addr.s_addr = qovtest::Loopback();
+    ASSERT_EQ(connect(peer, reinterpret_cast<sockaddr *>(&to), sizeof to), 0);
+    std::vector<uint8_t> frame = Frame(5, 8, 0x33);
+    QovHostPutU32(frame.data() + QOV_HOST_FRAME_HDR_LEN, 4);  // one item of 4 bytes
+    ASSERT_EQ(send(peer, frame.data(), frame.size(), MSG_NOSIGNAL), static_cast<ssize_t>(frame.size()));
+    ASSERT_TRUE(WaitFor([&] { return got_ == 1; }));
+    close(peer);
+    ASSERT_EQ(QovHostRecordStop(eal_, nullptr), 0u);
+    int link = 0;
+    std::vector<Record> recs = ReadAll(path_, &link);
+    ASSERT_EQ(recs.size(), 1u);
+    std::vector<uint8_t> want = {QOV_HOST_RECORD_VERSION, QOV_HOST_RECORD_SYNC, QOV_HOST_RECORD_IN, 0, 0, 0, 0, 5};
+    want.insert(want.end(), frame.begin(), frame.end());
+    EXPECT_EQ(recs[0].bytes, want);
 }
 
 // Each row must fail with 1 and leave a later valid start working.
