@@ -21,7 +21,6 @@
 
 #include "qov_autosync_orch.h"
 #include "qov_host_api.h"
-#include "support/kept_alloc.h"
 #include "support/loopback_broker.h"
 #include "support/test_env.h"
 
@@ -158,7 +157,7 @@ protected:
         dir_ = tmpl;
         sock_ = dir_ + "/ctl.sock";
         g_padLines = 0;
-        ASOrchCreatePara cp{0, 0, qovtest::KeptAlloc, qovtest::KeptFree, 0};
+        ASOrchCreatePara cp{0, 0, qovtest::TestAlloc, qovtest::TestFree, 0};
         hdl_ = ASOrchCreate("lvA", &cp);
         ASSERT_NE(hdl_, nullptr);
         eal_ = ASOrchGetEalHdl(hdl_);
@@ -182,7 +181,7 @@ protected:
             EXPECT_FALSE(std::filesystem::exists(sock_)) << "the socket file stayed";
             QovHostChanSetRecv(eal_, 0, nullptr, nullptr);
             ASOrchDestroy(hdl_);
-            EXPECT_EQ(qovtest::FreeKept(), qovtest::kRegistryKept);
+            EXPECT_EQ(qovtest::FreeLive(), qovtest::kRegistryKept);
         }
         std::filesystem::remove_all(dir_);
         HostTest::TearDown();
@@ -385,7 +384,11 @@ TEST_F(LiveView, OpenRefusesWhatItCannotServe) {
         {"the_same_path_as_a_live_endpoint", other, sock_.c_str(), &para_},
         {"unknown_instance", &ep, fresh.c_str(), &para_},
     };
-    for (const auto &row : rows) EXPECT_EQ(QovHostCtlOpen(row.eal, row.path, row.para), 1u) << row.name;
+    for (const auto &row : rows) {
+        size_t before = qovtest::Logs().size();
+        EXPECT_EQ(QovHostCtlOpen(row.eal, row.path, row.para), 1u) << row.name;
+        EXPECT_EQ(qovtest::Logs().size(), before + 1) << row.name << ": one line says why";
+    }
     EXPECT_FALSE(std::filesystem::exists(fresh));
     close(live);
     // A socket file that nobody answers on any more is taken over.
