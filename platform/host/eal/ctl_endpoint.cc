@@ -171,7 +171,6 @@ constexpr QueueFig kQueueFigs[] = {
     {"BackPress", false, "qov_queue_backpress_total", true, "Back-pressure applied by the queue."},
     {"UnBackPress", false, "qov_queue_unbackpress_total", true, "Back-pressure released by the queue."},
 };
-constexpr size_t kQueueFigNum = sizeof kQueueFigs / sizeof kQueueFigs[0];
 
 // Finds a figure in a report; false when the report does not have it.
 bool FindFig(const std::string &rep, const QueueFig &f, unsigned long long *v) {
