@@ -1,7 +1,9 @@
-// Creation and destruction of the Orch autosync handle.
+// Creation of the Orch autosync handle: checks, the registry entry, the
+// handle from the caller's memAlloc, the orch id and the EAL instance.
 #include <cstring>
 
-#include "as_handle.h"
+#include "core/base/as_handle.h"
+#include "core/base/as_registry.h"
 #include "qov_utils_base.h"
 #include "qov_utils_eal.h"
 
@@ -21,9 +23,12 @@ static_assert(offsetof(QOV_EAL_CreatePara, memFree) == 24);
 static_assert(offsetof(QOV_EAL_CreatePara, rsv1) == 32);
 static_assert(sizeof(QOV_EAL_CreatePara) == 40);
 
-uint32_t ASNameCreatCheckValid(const char *name, const ASOrchCreatePara *para) {
-    if (para->memAlloc == nullptr || para->memFree == nullptr) return 0;
-    return strnlen(name, AS_ORCH_NAME_LEN) < AS_ORCH_NAME_LEN ? 1 : 0;
+namespace {
+
+// Both memory functions are given and the name fits the handle's field.
+bool ASNameCreatCheckValid(const char *name, const ASOrchCreatePara *para) {
+    if (para->memAlloc == nullptr || para->memFree == nullptr) return false;
+    return strnlen(name, AS_ORCH_NAME_LEN) < AS_ORCH_NAME_LEN;
 }
 
 ASOrchHandle *ASOrchMallocHandle(const char *name, const ASOrchCreatePara *para) {
@@ -38,6 +43,7 @@ ASOrchHandle *ASOrchMallocHandle(const char *name, const ASOrchCreatePara *para)
         return nullptr;
     }
     if (strcpy_s(hdl->name, sizeof hdl->name, name) != 0) {
+        // "Excceeds" is the system's own spelling of this line.
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Orch autosync Name Excceeds", name);
         para->memFree(hdl);
         return nullptr;
@@ -100,6 +106,8 @@ ASOrchHandle *ASOrchCreatHandle(const char *name, const ASOrchCreatePara *para) 
     return hdl;
 }
 
+}  // namespace
+
 extern "C" {
 
 QOV_AS_API ASOrchHandle *ASOrchCreate(const char *name, const ASOrchCreatePara *para) {
@@ -107,9 +115,9 @@ QOV_AS_API ASOrchHandle *ASOrchCreate(const char *name, const ASOrchCreatePara *
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "Create Orch autosync Fail, Param is Null");
         return nullptr;
     }
-    if (ASNameCreatCheckValid(name, para) == 0) {
-        // The name may be longer than a line can show; the log bounds it.
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Create Orch autosync Fail,check not valid", name);
+    if (!ASNameCreatCheckValid(name, para)) {
+        // A line over 255 characters is dropped: a long name is shown by its start.
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%.200s, Create Orch autosync Fail,check not valid", name);
         return nullptr;
     }
     if (AutoSyncAddModule(name, para->memAlloc) != 0) {

@@ -2,7 +2,7 @@
 // deactivation here; the reserved functions are places for patch code.
 #include <cstring>
 
-#include "as_handle.h"
+#include "core/base/as_handle.h"
 
 static_assert(offsetof(ASOrchPatchInfo, libName) == 397);
 

@@ -1,5 +1,5 @@
 // Thin forwarders from the handle to its EAL instance.
-#include "as_handle.h"
+#include "core/base/as_handle.h"
 #include "qov_utils_eal.h"
 
 namespace {

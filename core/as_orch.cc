@@ -1,7 +1,8 @@
 // Top floor of the library: the order in which a handle is built up and torn
 // down. It knows every subsystem through its internal header; none of them
 // knows it.
-#include "core/as_handle.h"
+#include "core/base/as_handle.h"
+#include "core/base/as_registry.h"
 #include "core/as_reg.h"
 #include "inbound/inbound_internal.h"
 #include "merge/merge_internal.h"

@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "core/as_handle.h"
+#include "core/base/as_handle.h"
 #include "qov_utils_eal.h"
 
 // The platform's records and the library's public copies of them must agree

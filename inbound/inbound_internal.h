@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "core/as_handle.h"
+#include "core/base/as_handle.h"
 
 // Step "TblMsg": the receive and transfer lists of the record, in a process in
 // the MB role (elsewhere nothing, and 0). 1 at the first failure; the lists

@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <span>
 
-#include "core/as_handle.h"
+#include "core/base/as_handle.h"
 #include "core/base/as_trans_rec.h"
 #include "inbound/inbound_internal.h"
 #include "qov_as_inbound.h"

@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "core/as_handle.h"
+#include "core/base/as_handle.h"
 #include "core/base/as_consts.h"
 
 // Step "MergeMQue": the merge record, dispatch table, queue and monitor of

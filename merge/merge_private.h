@@ -7,7 +7,7 @@
 
 #include <cstdint>
 
-#include "core/as_handle.h"
+#include "core/base/as_handle.h"
 #include "core/base/as_path.h"
 #include "merge/merge_internal.h"
 #include "qov_as_merge.h"

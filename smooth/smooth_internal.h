@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "core/as_handle.h"
+#include "core/base/as_handle.h"
 #include "core/base/as_trans_rec.h"
 
 // Dispatches the smoothing run in the TLV's value; 0 when it was consumed, 1

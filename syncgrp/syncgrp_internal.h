@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "core/as_handle.h"
+#include "core/base/as_handle.h"
 #include "qov_as_syncgrp.h"
 
 #include "core/base/as_consts.h"

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "core/as_handle.h"
+#include "core/base/as_handle.h"
 #include "qov_utils_eal.h"
 #include "support/reg_env.h"
 

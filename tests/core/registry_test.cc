@@ -2,7 +2,7 @@
 #include <string>
 #include <vector>
 
-#include "core/as_handle.h"
+#include "core/base/as_registry.h"
 #include "support/test_env.h"
 
 namespace {

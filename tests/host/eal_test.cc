@@ -268,6 +268,61 @@ TEST_F(EalTest, BackPressStopsTheBrokerAndReleaseDrainsIt) {
     EXPECT_EQ(b.Flood(f, f.size()), f.size()) << "the broker's buffers drained";
 }
 
+// Ten frames arrive in one read; the receive function presses its own
+// channel at frame `at`. Broken by: delivering buffered frames while pressed,
+// or leaving them in the buffer after the release when the socket has
+// nothing new to wake the loop.
+struct PressCase {
+    const char *name;
+    uint32_t at;
+};
+
+void PrintTo(const PressCase &c, std::ostream *os) { *os << c.name; }
+
+class EalPressInside : public EalTest, public ::testing::WithParamInterface<PressCase> {
+protected:
+    static uint32_t PressingRecv(void *ctx, QovHostIpcMsg *m) {
+        auto *t = static_cast<EalPressInside *>(ctx);
+        Sink::Chan(&t->sink_, m);
+        if (t->sink_.n == t->GetParam().at) {
+            EXPECT_EQ(QOV_CHAN_BackPress(t->ch_), 0u);
+        }
+        return 0;
+    }
+    void *ch_ = nullptr;
+};
+
+TEST_P(EalPressInside, NoBufferedFrameWhilePressedAllAfterRelease) {
+    constexpr uint32_t kFrames = 10;
+    Broker b;
+    void *e = Make("pi", 1);
+    AddChan(e, 0, 0, b.port);
+    ch_ = QOV_EAL_GetChannelHdl(e, 0);
+    ASSERT_EQ(QovHostChanSetRecv(e, 0, PressingRecv, this), 0u);
+    ASSERT_EQ(QOV_EAL_Start(e), 0u);
+    ASSERT_TRUE(b.Accept());
+    std::vector<uint8_t> all;
+    for (uint32_t i = 0; i < kFrames; ++i) {
+        auto f = Frame(0x200 + i, 100 + i, static_cast<uint8_t>(i));
+        all.insert(all.end(), f.begin(), f.end());
+    }
+    b.Send(all);
+    ASSERT_TRUE(WaitFor([&] { return sink_.n == GetParam().at; }));
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(sink_.n, GetParam().at) << "frames delivered while pressed";
+    ASSERT_EQ(QOV_CHAN_UnBackPress(ch_), 0u);
+    ASSERT_TRUE(WaitFor([&] { return sink_.n == kFrames; })) << sink_.n << " of " << kFrames;
+    std::lock_guard<std::mutex> lk(sink_.mu);
+    for (uint32_t i = 0; i < kFrames; ++i) {
+        EXPECT_EQ(sink_.got[i].msgId, 0x200 + i);
+        EXPECT_EQ(sink_.got[i].body, std::vector<uint8_t>(100 + i, static_cast<uint8_t>(i)));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(At, EalPressInside,
+                         ::testing::Values(PressCase{"First", 1}, PressCase{"Middle", 5}, PressCase{"Last", 10}),
+                         qovtest::RowName());
+
 // ---- Reconnection ----
 enum class Fault { kLateBroker, kBrokerDrops, kOversize, kGarbage };
 struct ReconnectCase {
@@ -370,6 +425,43 @@ TEST_F(EalTest, SyncGroupLinksTwoInstances) {
     eals_.erase(eals_.begin());
     EXPECT_TRUE(WaitFor([&] { return QOV_EAL_IsSyncReadyOnlyTarn(b, 2) == 0; })) << "readiness follows the link";
     EXPECT_EQ(QOV_EAL_SyncMsg(b, 2, items, 1), 1u) << "a configured link that is down";
+}
+
+// Two peers on another address of the host: the link follows the address it
+// was given (a connector sent to 127.0.0.1 does not reach a listener on
+// 127.0.0.2), and the standby's instance, outside the MB role, links up while
+// its broker channel stays idle.
+TEST_F(EalTest, SyncLinkOnAnotherAddressAndIdleChannelsOutsideMb) {
+    const uint32_t other = htonl(0x7F000002u);  // 127.0.0.2
+    Broker broker;
+    void *active = Make("act", 1);
+    AddGrp(active, 0, 0);
+    uint16_t port = 0;
+    ASSERT_EQ(QovHostSyncListenAddr(active, 0, other, &port), 0u);
+    ASSERT_EQ(QOV_EAL_Start(active), 0u);
+
+    QovHostSetRoleMb(0);
+    void *wrong = Make("wrong", 1);
+    AddGrp(wrong, 0, 0);
+    ASSERT_EQ(QovHostSyncConnect(wrong, 0, port), 0u);
+    void *standby = Make("stby", 1);
+    AddChan(standby, 0, 0, broker.port);
+    AddGrp(standby, 0, 0);
+    ASSERT_EQ(QovHostSyncConnectAddr(standby, 0, other, port), 0u);
+    ASSERT_EQ(QovHostSyncSetRecv(active, 0, Sink::Sync, &sink_), 0u);
+    ASSERT_EQ(QOV_EAL_Start(wrong), 0u);
+    ASSERT_EQ(QOV_EAL_Start(standby), 0u);
+
+    ASSERT_TRUE(WaitFor([&] { return QOV_EAL_IsSyncReadyOnlyTarn(standby, 0) == 1; }));
+    char word[] = "mirror";
+    QovHostSyncItem item{word, 6, 0};
+    ASSERT_EQ(QOV_EAL_SyncMsg(standby, 0, &item, 1), 0u);
+    ASSERT_TRUE(WaitFor([&] { return sink_.n == 1; }));
+    EXPECT_EQ(QOV_EAL_IsSyncReadyOnlyTarn(wrong, 0), 0u) << "connected to an address nobody listens on";
+    EXPECT_EQ(Chan(standby, 0).state, QOV_HOST_LINK_IDLE);
+    EXPECT_EQ(Chan(standby, 0).connects, 0u);
+    pollfd p{broker.lfd, POLLIN, 0};
+    EXPECT_EQ(poll(&p, 1, 50), 0) << "the standby's channel reached the broker";
 }
 
 class EalClear : public EalTest, public ::testing::WithParamInterface<bool> {};

@@ -36,9 +36,15 @@ const char kUsage[] =
 
 constexpr int kWaitMs = 5000;
 
-// One request and its whole answer; false (with a message in *out) when the
-// endpoint cannot be reached or stops answering.
-bool Ask(const std::string &sock, const std::string &req, std::string *out) {
+// The endpoint at a socket path.
+struct Endpoint {
+    std::string sock;
+    // One request and its whole answer; false (with a message in *out) when
+    // the endpoint cannot be reached or stops answering.
+    bool Ask(const std::string &req, std::string *out) const;
+};
+
+bool Endpoint::Ask(const std::string &req, std::string *out) const {
     out->clear();
     sockaddr_un a{};
     a.sun_family = AF_UNIX;
@@ -117,40 +123,45 @@ std::vector<Sample> Parse(const std::string &text) {
     return out;
 }
 
+// A metric, or one series of it by one label (no key: the first sample).
+struct Series {
+    std::string name, key, val;
+};
+
 struct Snap {
     std::vector<Sample> samples;
     std::chrono::steady_clock::time_point at;
 
-    double Get(const std::string &name, const std::string &key = "", const std::string &val = "",
-               double none = NAN) const {
+    double Get(const Series &m, double none = 0) const {
         for (const Sample &s : samples) {
-            if (s.name != name) continue;
-            auto it = s.labels.find(key);
-            if (key.empty() || (it != s.labels.end() && it->second == val)) return s.value;
+            if (s.name != m.name) continue;
+            auto it = s.labels.find(m.key);
+            if (m.key.empty() || (it != s.labels.end() && it->second == m.val)) return s.value;
         }
         return none;
     }
-    // Distinct values of a label among the samples of a metric.
-    std::vector<std::string> Values(const std::string &name, const std::string &key) const {
+    // Distinct values of the label m.key among the samples of m.name.
+    std::vector<std::string> Values(const Series &m) const {
         std::vector<std::string> v;
         for (const Sample &s : samples) {
-            auto it = s.labels.find(key);
-            if (s.name == name && it != s.labels.end() && std::find(v.begin(), v.end(), it->second) == v.end())
+            auto it = s.labels.find(m.key);
+            if (s.name == m.name && it != s.labels.end() && std::find(v.begin(), v.end(), it->second) == v.end())
                 v.push_back(it->second);
         }
         return v;
     }
 };
 
-// Per second between two snapshots; "-" when there is no earlier one.
-std::string Rate(const Snap *prev, const Snap &cur, const std::string &name, const std::string &key,
-                 const std::string &val, double scale = 1) {
+// Per second between two snapshots of the sum of some series; "-" when there
+// is no earlier snapshot.
+std::string Rate(const Snap *prev, const Snap &cur, const std::vector<Series> &sum, const char *fmt = "%.0f",
+                 double scale = 1) {
     if (prev == nullptr) return "-";
-    double dt = std::chrono::duration<double>(cur.at - prev->at).count();
-    double d = cur.Get(name, key, val, 0) - prev->Get(name, key, val, 0);
+    double dt = std::chrono::duration<double>(cur.at - prev->at).count(), d = 0;
+    for (const Series &m : sum) d += cur.Get(m) - prev->Get(m);
     if (dt <= 0 || d < 0) return "-";
     char b[32];
-    std::snprintf(b, sizeof b, "%.0f", d / dt / scale);
+    std::snprintf(b, sizeof b, fmt, d / dt / scale);
     return b;
 }
 
@@ -186,148 +197,144 @@ std::string Latency(const Snap *prev, const Snap &cur, const std::string &queue,
 
 volatile std::sig_atomic_t g_stop = 0;
 
-int Top(const std::string &sock, int intervalMs, int count) {
+struct TopOpts {
+    int intervalMs = 1000;
+    int count = 0;  // screens; 0 until Ctrl-C
+};
+
+// One screen of top from two snapshots (p null: the first, without rates).
+std::string Screen(const Endpoint &ep, const TopOpts &o, const Snap *p, const Snap &cur) {
+    std::string s;
+    char b[512];
+    std::time_t now = std::time(nullptr);
+    std::tm tm{};
+    char when[16];
+    std::strftime(when, sizeof when, "%H:%M:%S", localtime_r(&now, &tm));
+    std::snprintf(b, sizeof b, "qovctl top  %s  %s  every %.1f s\n\n", ep.sock.c_str(), when, o.intervalMs / 1e3);
+    s += b;
+    std::snprintf(b, sizeof b, "%-16s %8s %8s %13s %9s %9s %9s %5s %7s %8s %8s\n", "QUEUE", "DEPTH", "PEAK", "HIGH/LOW",
+                  "IN/s", "MERGED/s", "OUT/s", "OVER", "CROSSED", "LAT p50", "LAT p99");
+    s += b;
+    for (const std::string &q : cur.Values({"qov_queue_depth", "queue", ""})) {
+        auto m = [&](const char *name) { return Series{name, "queue", q}; };
+        char hl[32];
+        std::snprintf(hl, sizeof hl, "%.0f/%.0f", cur.Get(m("qov_queue_high_water")),
+                      cur.Get(m("qov_queue_low_water")));
+        std::snprintf(b, sizeof b, "%-16s %8.0f %8.0f %13s %9s %9s %9s %5s %7.0f %8s %8s\n", q.c_str(),
+                      cur.Get(m("qov_queue_depth")), cur.Get(m("qov_queue_depth_peak")), hl,
+                      Rate(p, cur, {m("qov_queue_appends_total"), m("qov_queue_merges_total")}).c_str(),
+                      Rate(p, cur, {m("qov_queue_merges_total")}).c_str(),
+                      Rate(p, cur, {m("qov_queue_reads_total")}).c_str(),
+                      cur.Get(m("qov_queue_overload")) != 0 ? "yes" : "no", cur.Get(m("qov_queue_over_high_water_total")),
+                      Latency(p, cur, q, 0.5).c_str(), Latency(p, cur, q, 0.99).c_str());
+        s += b;
+    }
+    std::snprintf(b, sizeof b, "\n%-4s %-20s %-5s %-7s %7s %10s %8s %8s %10s\n", "CHAN", "NAME", "STATE", "PRESSED",
+                  "PRESSES", "FRAMES/s", "MB/s", "DROPPED", "RECONNECTS");
+    s += b;
+    for (const std::string &c : cur.Values({"qov_chan_up", "chan", ""})) {
+        auto m = [&](const char *name) { return Series{name, "chan", c}; };
+        double dropped = 0;
+        std::string name;
+        for (const Sample &x : cur.samples) {
+            auto it = x.labels.find("chan");
+            if (it == x.labels.end() || it->second != c) continue;
+            if (x.name == "qov_chan_frames_dropped_total") dropped += x.value;
+            if (x.name == "qov_chan_up" && x.labels.count("name") != 0) name = x.labels.at("name");
+        }
+        std::snprintf(b, sizeof b, "%-4s %-20s %-5s %-7s %7.0f %10s %8s %8.0f %10.0f\n", c.c_str(), name.c_str(),
+                      cur.Get(m("qov_chan_up")) != 0 ? "up" : "down", cur.Get(m("qov_chan_pressed")) != 0 ? "yes" : "no",
+                      cur.Get(m("qov_chan_presses_total")),
+                      Rate(p, cur, {m("qov_chan_frames_in_total")}).c_str(),
+                      Rate(p, cur, {m("qov_chan_bytes_in_total")}, "%.2f", 1e6).c_str(), dropped,
+                      cur.Get(m("qov_chan_reconnects_total")));
+        s += b;
+    }
+    std::vector<std::string> groups = cur.Values({"qov_sync_up", "group", ""});
+    if (!groups.empty()) {
+        std::snprintf(b, sizeof b, "\n%-5s %-5s %-7s %10s %10s\n", "SYNC", "STATE", "PRESSED", "OUT/s", "IN/s");
+        s += b;
+    }
+    for (const std::string &g : groups) {
+        auto m = [&](const char *name) { return Series{name, "group", g}; };
+        std::snprintf(b, sizeof b, "%-5s %-5s %-7s %10s %10s\n", g.c_str(), cur.Get(m("qov_sync_up")) != 0 ? "up" : "down",
+                      cur.Get(m("qov_sync_pressed")) != 0 ? "yes" : "no",
+                      Rate(p, cur, {m("qov_sync_frames_out_total")}).c_str(),
+                      Rate(p, cur, {m("qov_sync_frames_in_total")}).c_str());
+        s += b;
+    }
+    auto cmd = [](const char *name) { return Series{name, "command", "metrics"}; };
+    double n = cur.Get(cmd("qov_ctl_answers_total")), secs = cur.Get(cmd("qov_ctl_answer_seconds_total"));
+    std::snprintf(b, sizeof b,
+                  "\nmetrics answer on the Data thread: %.0f us on average, %.0f us at most; "
+                  "last wait for the Data thread %.0f us\n",
+                  n > 0 ? secs / n * 1e6 : 0.0, cur.Get(cmd("qov_ctl_answer_seconds_max")) * 1e6,
+                  cur.Get({"qov_ctl_wait_seconds", "", ""}) * 1e6);
+    s += b;
+    return s;
+}
+
+int Top(const Endpoint &ep, const TopOpts &o) {
     std::signal(SIGINT, [](int) { g_stop = 1; });
     bool tty = isatty(STDOUT_FILENO) != 0;
     Snap prev;
     bool havePrev = false;
-    for (int n = 0; !g_stop && (count == 0 || n < count);) {
+    for (int shown = 0; g_stop == 0 && (o.count == 0 || shown < o.count);) {
         std::string text;
-        if (!Ask(sock, "metrics", &text)) {
+        if (!ep.Ask("metrics", &text)) {
             std::fprintf(stderr, "qovctl: %s\n", text.c_str());
             return 1;
         }
         Snap cur{Parse(text), std::chrono::steady_clock::now()};
-        const Snap *p = havePrev ? &prev : nullptr;
         // A first screen without rates is only shown when it is the only one.
-        if (p != nullptr || count == 1) {
-            std::string o = tty ? "\x1b[H\x1b[2J" : (n != 0 ? "\n" : "");
-            char b[512];
-            std::time_t now = std::time(nullptr);
-            char when[16];
-            std::strftime(when, sizeof when, "%H:%M:%S", std::localtime(&now));
-            std::snprintf(b, sizeof b, "qovctl top  %s  %s  every %.1f s\n\n", sock.c_str(), when, intervalMs / 1e3);
-            o += b;
-            std::snprintf(b, sizeof b, "%-16s %8s %8s %13s %9s %9s %9s %5s %7s %8s %8s\n", "QUEUE", "DEPTH", "PEAK",
-                          "HIGH/LOW", "IN/s", "MERGED/s", "OUT/s", "OVER", "PRESSES", "LAT p50", "LAT p99");
-            o += b;
-            for (const std::string &q : cur.Values("qov_queue_depth", "queue")) {
-                char hl[32];
-                std::snprintf(hl, sizeof hl, "%.0f/%.0f", cur.Get("qov_queue_high_water", "queue", q, 0),
-                              cur.Get("qov_queue_low_water", "queue", q, 0));
-                std::string in = "-";
-                if (p != nullptr) {
-                    double dt = std::chrono::duration<double>(cur.at - p->at).count();
-                    double d = cur.Get("qov_queue_appends_total", "queue", q, 0) +
-                               cur.Get("qov_queue_merges_total", "queue", q, 0) -
-                               p->Get("qov_queue_appends_total", "queue", q, 0) -
-                               p->Get("qov_queue_merges_total", "queue", q, 0);
-                    char r[32];
-                    std::snprintf(r, sizeof r, "%.0f", dt > 0 && d >= 0 ? d / dt : 0.0);
-                    in = r;
-                }
-                std::snprintf(b, sizeof b, "%-16s %8.0f %8.0f %13s %9s %9s %9s %5s %7.0f %8s %8s\n", q.c_str(),
-                              cur.Get("qov_queue_depth", "queue", q, 0), cur.Get("qov_queue_depth_peak", "queue", q, 0),
-                              hl, in.c_str(), Rate(p, cur, "qov_queue_merges_total", "queue", q).c_str(),
-                              Rate(p, cur, "qov_queue_reads_total", "queue", q).c_str(),
-                              cur.Get("qov_queue_overload", "queue", q, 0) != 0 ? "yes" : "no",
-                              cur.Get("qov_queue_backpress_total", "queue", q, 0), Latency(p, cur, q, 0.5).c_str(),
-                              Latency(p, cur, q, 0.99).c_str());
-                o += b;
-            }
-            std::snprintf(b, sizeof b, "\n%-4s %-20s %-5s %-7s %10s %8s %8s %10s\n", "CHAN", "NAME", "STATE", "PRESSED",
-                          "FRAMES/s", "MB/s", "DROPPED", "RECONNECTS");
-            o += b;
-            for (const std::string &c : cur.Values("qov_chan_up", "chan")) {
-                double dropped = 0;
-                for (const Sample &s : cur.samples)
-                    if (s.name == "qov_chan_frames_dropped_total" && s.labels.at("chan") == c) dropped += s.value;
-                std::string name;
-                for (const Sample &s : cur.samples)
-                    if (s.name == "qov_chan_up" && s.labels.at("chan") == c) name = s.labels.at("name");
-                std::string mb = "-";
-                if (p != nullptr) {
-                    double dt = std::chrono::duration<double>(cur.at - p->at).count();
-                    double d = cur.Get("qov_chan_bytes_in_total", "chan", c, 0) -
-                               p->Get("qov_chan_bytes_in_total", "chan", c, 0);
-                    char r[32];
-                    std::snprintf(r, sizeof r, "%.2f", dt > 0 && d >= 0 ? d / dt / 1e6 : 0.0);
-                    mb = r;
-                }
-                std::snprintf(b, sizeof b, "%-4s %-20s %-5s %-7s %10s %8s %8.0f %10.0f\n", c.c_str(), name.c_str(),
-                              cur.Get("qov_chan_up", "chan", c, 0) != 0 ? "up" : "down",
-                              cur.Get("qov_chan_pressed", "chan", c, 0) != 0 ? "yes" : "no",
-                              Rate(p, cur, "qov_chan_frames_in_total", "chan", c).c_str(), mb.c_str(), dropped,
-                              cur.Get("qov_chan_reconnects_total", "chan", c, 0));
-                o += b;
-            }
-            std::vector<std::string> groups = cur.Values("qov_sync_up", "group");
-            if (!groups.empty()) {
-                std::snprintf(b, sizeof b, "\n%-5s %-5s %-7s %10s %10s\n", "SYNC", "STATE", "PRESSED", "OUT/s", "IN/s");
-                o += b;
-            }
-            for (const std::string &g : groups) {
-                std::snprintf(b, sizeof b, "%-5s %-5s %-7s %10s %10s\n", g.c_str(),
-                              cur.Get("qov_sync_up", "group", g, 0) != 0 ? "up" : "down",
-                              cur.Get("qov_sync_pressed", "group", g, 0) != 0 ? "yes" : "no",
-                              Rate(p, cur, "qov_sync_frames_out_total", "group", g).c_str(),
-                              Rate(p, cur, "qov_sync_frames_in_total", "group", g).c_str());
-                o += b;
-            }
-            double n1 = cur.Get("qov_ctl_answers_total", "command", "metrics", 0);
-            double s1 = cur.Get("qov_ctl_answer_seconds_total", "command", "metrics", 0);
-            std::snprintf(b, sizeof b,
-                          "\nmetrics answer on the Data thread: %.0f us on average, %.0f us at most; "
-                          "last wait for the Data thread %.0f us\n",
-                          n1 > 0 ? s1 / n1 * 1e6 : 0.0, cur.Get("qov_ctl_answer_seconds_max", "command", "metrics", 0) * 1e6,
-                          cur.Get("qov_ctl_wait_seconds", "", "", 0) * 1e6);
-            o += b;
-            std::fputs(o.c_str(), stdout);
+        if (havePrev || o.count == 1) {
+            std::string clear = tty ? "\x1b[H\x1b[2J" : (shown != 0 ? "\n" : "");
+            std::fputs((clear + Screen(ep, o, havePrev ? &prev : nullptr, cur)).c_str(), stdout);
             std::fflush(stdout);
-            ++n;
+            ++shown;
         }
         prev = std::move(cur);
         havePrev = true;
-        if (count == 0 || n < count) std::this_thread::sleep_for(std::chrono::milliseconds(intervalMs));
+        if (o.count == 0 || shown < o.count) std::this_thread::sleep_for(std::chrono::milliseconds(o.intervalMs));
     }
     return 0;
 }
 
-int Bench(const std::string &sock, int n, const std::string &cmd) {
+int Bench(const Endpoint &ep, int n, const std::string &cmd) {
     std::string text;
-    if (!Ask(sock, "metrics", &text)) {
+    if (!ep.Ask("metrics", &text)) {
         std::fprintf(stderr, "qovctl: %s\n", text.c_str());
         return 1;
     }
     Snap before{Parse(text), {}};
     std::vector<double> rtt;
+    size_t bytes = 0;
     for (int i = 0; i < n; ++i) {
         auto t0 = std::chrono::steady_clock::now();
-        if (!Ask(sock, cmd, &text) || text.rfind("error: ", 0) == 0) {
-            std::fprintf(stderr, "qovctl: %s", text.c_str());
+        if (!ep.Ask(cmd, &text) || text.rfind("error: ", 0) == 0) {
+            std::fprintf(stderr, "qovctl: %s\n", text.c_str());
             return 1;
         }
         rtt.push_back(std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count());
+        bytes = text.size();
     }
-    size_t bytes = text.size();
-    if (!Ask(sock, "metrics", &text)) return 1;
+    if (!ep.Ask("metrics", &text)) return 1;
     Snap after{Parse(text), {}};
-    std::string word = cmd.substr(0, cmd.find(' '));
-    double answers = after.Get("qov_ctl_answers_total", "command", word, 0) -
-                     before.Get("qov_ctl_answers_total", "command", word, 0);
-    double secs = after.Get("qov_ctl_answer_seconds_total", "command", word, 0) -
-                  before.Get("qov_ctl_answer_seconds_total", "command", word, 0);
+    auto m = [&](const char *name) { return Series{name, "command", cmd.substr(0, cmd.find(' '))}; };
+    double answers = after.Get(m("qov_ctl_answers_total")) - before.Get(m("qov_ctl_answers_total"));
+    double secs = after.Get(m("qov_ctl_answer_seconds_total")) - before.Get(m("qov_ctl_answer_seconds_total"));
     std::sort(rtt.begin(), rtt.end());
-    auto at = [&](double q) { return rtt[std::min(rtt.size() - 1, static_cast<size_t>(q * rtt.size()))] * 1e6; };
+    auto at = [&](double q) {
+        return rtt[std::min(rtt.size() - 1, static_cast<size_t>(q * static_cast<double>(rtt.size())))] * 1e6;
+    };
     std::printf("%d x \"%s\" (%zu bytes): round trip p50 %.0f us, p99 %.0f us, max %.0f us\n", n, cmd.c_str(), bytes,
                 at(0.5), at(0.99), rtt.back() * 1e6);
-    std::printf("Data thread per answer: %.1f us on average over %.0f answers, %.1f us the longest since start\n",
-                answers > 0 ? secs / answers * 1e6 : 0.0, answers,
-                after.Get("qov_ctl_answer_seconds_max", "command", word, 0) * 1e6);
+    std::printf("Data thread per answer: %.1f us on average over %.0f answers; the longest since start %.1f us\n",
+                answers > 0 ? secs / answers * 1e6 : 0.0, answers, after.Get(m("qov_ctl_answer_seconds_max")) * 1e6);
     return 0;
 }
 
-// The value of option opt among args (removed from args), or def.
+// Takes the value of option opt out of args; def when it is not there.
 int Opt(std::vector<std::string> &args, const char *opt, int def) {
     for (size_t i = 0; i + 1 < args.size(); ++i) {
         if (args[i] != opt) continue;
@@ -341,44 +348,42 @@ int Opt(std::vector<std::string> &args, const char *opt, int def) {
 }  // namespace
 
 int main(int argc, char **argv) {
-    std::string sock;
+    Endpoint ep;
     std::vector<std::string> args;
     for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "-s") == 0 && i + 1 < argc) sock = argv[++i];
+        if (std::strcmp(argv[i], "-s") == 0 && i + 1 < argc) ep.sock = argv[++i];
         else if (std::strcmp(argv[i], "-h") == 0 || std::strcmp(argv[i], "--help") == 0) {
             std::fputs(kUsage, stdout);
             return 0;
         } else args.emplace_back(argv[i]);
     }
-    if (sock.empty() || args.empty()) {
+    if (ep.sock.empty() || args.empty()) {
         std::fputs(kUsage, stderr);
         return 2;
     }
     if (args[0] == "top") {
-        int interval = Opt(args, "-i", 1000), count = Opt(args, "-n", 0);
-        if (args.size() != 1 || interval < 50 || count < 0) {
+        TopOpts o;
+        o.intervalMs = Opt(args, "-i", 1000);
+        o.count = Opt(args, "-n", 0);
+        if (args.size() != 1 || o.intervalMs < 50 || o.count < 0) {
             std::fputs(kUsage, stderr);
             return 2;
         }
-        return Top(sock, interval, count);
+        return Top(ep, o);
     }
     if (args[0] == "bench") {
         int n = Opt(args, "-n", 1000);
-        std::string cmd = "metrics";
-        if (args.size() > 1) {
-            cmd.clear();
-            for (size_t i = 1; i < args.size(); ++i) cmd += (i > 1 ? " " : "") + args[i];
-        }
+        std::string cmd;
+        for (size_t i = 1; i < args.size(); ++i) cmd += (i > 1 ? " " : "") + args[i];
         if (n < 1) {
             std::fputs(kUsage, stderr);
             return 2;
         }
-        return Bench(sock, n, cmd);
+        return Bench(ep, n, cmd.empty() ? "metrics" : cmd);
     }
-    std::string req;
+    std::string req, out;
     for (const std::string &a : args) req += (req.empty() ? "" : " ") + a;
-    std::string out;
-    if (!Ask(sock, req, &out)) {
+    if (!ep.Ask(req, &out)) {
         std::fprintf(stderr, "qovctl: %s\n", out.c_str());
         return 1;
     }

@@ -327,14 +327,14 @@ std::string Metrics(CtlEndpoint &c) {
                 static_cast<unsigned long long>(c.cost[k].n));
     Family(s, "qov_ctl_answer_seconds_total", true, "Data thread time spent making answers, by command.");
     for (uint32_t k = 0; k < kCmdNum; ++k)
-        Appendf(s, "qov_ctl_answer_seconds_total{command=\"%s\"} %.9f\n", kCmdName[k], c.cost[k].ns / 1e9);
+        Appendf(s, "qov_ctl_answer_seconds_total{command=\"%s\"} %.9f\n", kCmdName[k], static_cast<double>(c.cost[k].ns) / 1e9);
     Family(s, "qov_ctl_answer_seconds_max", false, "Longest Data thread time of one answer, by command.");
     for (uint32_t k = 0; k < kCmdNum; ++k)
-        Appendf(s, "qov_ctl_answer_seconds_max{command=\"%s\"} %.9f\n", kCmdName[k], c.cost[k].maxNs / 1e9);
+        Appendf(s, "qov_ctl_answer_seconds_max{command=\"%s\"} %.9f\n", kCmdName[k], static_cast<double>(c.cost[k].maxNs) / 1e9);
     Family(s, "qov_ctl_wait_seconds", false, "Wait of the last request for the Data thread.");
-    Appendf(s, "qov_ctl_wait_seconds %.9f\n", c.lagNs / 1e9);
+    Appendf(s, "qov_ctl_wait_seconds %.9f\n", static_cast<double>(c.lagNs) / 1e9);
     Family(s, "qov_ctl_wait_seconds_max", false, "Longest wait of a request for the Data thread.");
-    Appendf(s, "qov_ctl_wait_seconds_max %.9f\n", c.lagMaxNs / 1e9);
+    Appendf(s, "qov_ctl_wait_seconds_max %.9f\n", static_cast<double>(c.lagMaxNs) / 1e9);
     Family(s, "qov_ctl_connections_total", true, "Connections accepted by the endpoint.");
     Appendf(s, "qov_ctl_connections_total %llu\n", static_cast<unsigned long long>(c.accepted.load()));
     Family(s, "qov_ctl_bad_requests_total", true, "Connections ended without a full answer, by reason.");
@@ -579,7 +579,9 @@ void Serve(CtlEndpoint *c) {
         pfd.push_back({c->listenFd, static_cast<short>(clients.size() < kClientsMax ? POLLIN : 0), 0});
         Clock::time_point next = Clock::now() + kIdle;
         for (const Client &cl : clients) {
-            short ev = cl.phase == Client::Phase::kRead ? POLLIN : cl.phase == Client::Phase::kWrite ? POLLOUT : 0;
+            auto ev = static_cast<short>(cl.phase == Client::Phase::kRead    ? POLLIN
+                                         : cl.phase == Client::Phase::kWrite ? POLLOUT
+                                                                             : 0);
             pfd.push_back({cl.fd, ev, 0});
             next = std::min({next, cl.deadline, cl.end});
         }
@@ -590,7 +592,9 @@ void Serve(CtlEndpoint *c) {
         }
         if ((pfd[0].revents & POLLIN) != 0) Drain(c->wakeFd);
         if ((pfd[1].revents & POLLIN) != 0) Accept(*c, clients);
-        for (size_t i = 0; i < clients.size(); ++i) Step(*c, clients[i], i + 2 < pfd.size() ? pfd[i + 2].revents : 0);
+        // Clients accepted just now were not polled: their turn comes next round.
+        for (size_t i = 0; i < clients.size(); ++i)
+            Step(*c, clients[i], i + 2 < pfd.size() ? pfd[i + 2].revents : static_cast<short>(0));
         std::erase_if(clients, [](const Client &cl) {
             if (cl.phase != Client::Phase::kDone) return false;
             close(cl.fd);
@@ -625,6 +629,21 @@ int Bind(const CtlEndpoint &c, const sockaddr_un &a) {
     return -1;
 }
 
+// Why an endpoint cannot be opened with these arguments, or null.
+const char *Refusal(const char *path, const QovHostCtlPara *para) {
+    if (path == nullptr || path[0] == '\0') return "no socket path";
+    if (std::strlen(path) >= sizeof(sockaddr_un::sun_path)) return "socket path too long";
+    if (para == nullptr || para->queueList == nullptr || para->queueInfo == nullptr)
+        return "a report function is missing";
+    if (para->queueNum > QOV_HOST_CTL_QUEUES_MAX || (para->queueNames == nullptr && para->queueNum != 0))
+        return "bad list of queue names";
+    for (uint32_t i = 0; para->queueNames != nullptr && i < para->queueNum; ++i) {
+        const char *q = para->queueNames[i];
+        if (q == nullptr || strnlen(q, kQueueNameMax + 1) > kQueueNameMax) return "bad queue name";
+    }
+    return nullptr;
+}
+
 void Free(CtlEndpoint *c) {
     if (c->jobFd >= 0 && c->dataEp >= 0) EpollRemove(c->dataEp, c->jobFd, false);
     for (int fd : {c->listenFd, c->wakeFd, c->jobFd})
@@ -654,35 +673,31 @@ QOV_PLAT_API uint32_t QovHostCtlOpen(void *eal, const char *path, const QovHostC
     qovhost::EalInstance *e = qovhost::LiveEal(eal);
     sockaddr_un a{};
     a.sun_family = AF_UNIX;
-    if (e == nullptr || path == nullptr || para == nullptr || para->queueList == nullptr ||
-        para->queueInfo == nullptr || path[0] == '\0' || std::strlen(path) >= sizeof a.sun_path ||
-        para->queueNum > QOV_HOST_CTL_QUEUES_MAX || (para->queueNames == nullptr && para->queueNum != 0))
+    if (e == nullptr) {
+        KRT_DiagLogWrite("QOV_EAL", "QovHostCtlOpen: unknown instance");
         return 1;
+    }
     auto *c = new qovhost::CtlEndpoint;
     c->eal = e;
+    const char *why = qovhost::Refusal(path, para);
+    std::lock_guard<std::mutex> lk(qovhost::g_ctlMu);
+    if (why == nullptr && e->ctl != nullptr) why = "an endpoint is open already";
+    if (why != nullptr) {
+        qovhost::Log(*c, "not opened: %s", why);
+        delete c;
+        return 1;
+    }
     c->path = path;
     c->list = para->queueList;
     c->info = para->queueInfo;
     c->extra = para->metrics;
     c->ctx = para->ctx;
-    for (uint32_t i = 0; i < para->queueNum; ++i) {
-        const char *q = para->queueNames[i];
-        if (q == nullptr || strnlen(q, qovhost::kQueueNameMax + 1) > qovhost::kQueueNameMax) {
-            delete c;
-            return 1;
-        }
-        c->queues.emplace_back(q);
-    }
+    for (uint32_t i = 0; i < para->queueNum; ++i) c->queues.emplace_back(para->queueNames[i]);
     if (para->queueNames == nullptr) {
         c->queues.push_back(std::string(e->name) + "_DAM");
         c->queues.push_back(std::string(e->name) + "_FES");
     }
     std::memcpy(a.sun_path, path, std::strlen(path));
-    std::lock_guard<std::mutex> lk(qovhost::g_ctlMu);
-    if (e->ctl != nullptr) {
-        delete c;
-        return 1;
-    }
     c->wakeFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     c->jobFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     c->dataEp = e->epFd[QOV_EAL_THREAD_DATA];
@@ -691,8 +706,15 @@ QOV_PLAT_API uint32_t QovHostCtlOpen(void *eal, const char *path, const QovHostC
         c->dataEp = -1;
         ok = false;
     }
-    if (ok) c->listenFd = qovhost::Bind(*c, a);
-    ok = ok && c->listenFd >= 0 && chmod(path, S_IRUSR | S_IWUSR) == 0 && listen(c->listenFd, 16) == 0;
+    if (!ok) qovhost::Log(*c, "not opened: no event descriptor on the Data thread (errno %d)", errno);
+    if (ok) {
+        c->listenFd = qovhost::Bind(*c, a);  // says why it fails
+        ok = c->listenFd >= 0;
+    }
+    if (ok && (chmod(path, S_IRUSR | S_IWUSR) != 0 || listen(c->listenFd, 16) != 0)) {
+        qovhost::Log(*c, "not opened: cannot listen at %s (errno %d)", path, errno);
+        ok = false;
+    }
     if (ok) c->thread = std::thread(qovhost::Serve, c);
     if (!ok) {
         if (c->listenFd >= 0) unlink(path);

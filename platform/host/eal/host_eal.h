@@ -67,6 +67,7 @@ private:
 };
 
 struct EalInstance;
+struct Recorder;  // recorder.cc
 struct CtlEndpoint;
 
 // One TCP connection over loopback that carries frames: a channel to its
@@ -92,12 +93,14 @@ struct Link {
     std::atomic<bool> pressed{false};
     std::atomic<uint32_t> state{QOV_HOST_LINK_IDLE};
 
-    // The frame being read (serving thread only).
+    // What was read and not yet delivered (serving thread only): frames are
+    // handed over in place from buf[off, have); room for one whole frame
+    // behind off is kept, so any frame fits.
     std::unique_ptr<uint8_t[]> buf;
-    uint32_t bufMax = 0;      // body bound of buf
-    uint32_t have = 0;        // bytes of the current frame read
-    uint32_t msgId = 0;
-    uint32_t msgLen = 0;
+    uint32_t bufMax = 0;      // body bound of a frame
+    uint32_t bufCap = 0;      // bytes of buf
+    uint32_t off = 0;         // first byte not delivered
+    uint32_t have = 0;        // bytes read into buf
 
     std::atomic<uint32_t> connects{0};
     std::atomic<uint64_t> framesIn{0};
@@ -164,6 +167,7 @@ struct EalInstance {
     bool rsvPortSet = false;
     EalChannel chan[kChanNum];
     EalSyncGrp syncGrp[kSyncGrpMax];
+    std::atomic<Recorder *> recorder{nullptr};  // made at the first recording, freed with the instance
     CtlEndpoint *ctl = nullptr;  // the control endpoint, under its own lock
 };
 
@@ -185,6 +189,11 @@ void LinkClose(Link &l);
 uint32_t LinkSend(Link &l, const uint8_t *frame, size_t len);
 uint32_t LinkPress(Link &l, bool press);
 
+// Writes a delivered frame into the instance's recording, if one runs; called
+// once per frame by the delivering thread, before the receive function.
+void RecordFrame(const Link &l, uint32_t msgId, const uint8_t *body, uint32_t len);
+// Ends a recording still running and frees the recorder; threads joined.
+void RecorderFree(EalInstance &e);
 // Closes the instance's control endpoint, if open; before its threads stop.
 void CtlShut(EalInstance &e);
 

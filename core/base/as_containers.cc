@@ -1,7 +1,7 @@
 // Intrusive ring list and integer hash, and the bounded name concatenation.
 #include <cstring>
 
-#include "as_handle.h"
+#include "qov_as_core.h"
 #include "qov_utils_base.h"
 
 extern "C" {

@@ -2,19 +2,12 @@
 #include <cstring>
 #include <new>
 
-#include "as_handle.h"
+#include "core/base/as_registry.h"
 #include "qov_utils_base.h"
 
 QOV_AS_API AutoSyncNameHead g_AutoSyncCtrlBlkNameHead = {0, nullptr};
 
-uint32_t AutoSyncNameExisted(const char *name) {
-    AutoSyncNameHead &head = g_AutoSyncCtrlBlkNameHead;
-    const AutoSyncNameNode *node = head.first;
-    for (uint32_t i = 0; i < head.count && node != nullptr; ++i, node = node->next) {
-        if (std::strncmp(node->name, name, sizeof node->name) == 0) return 1;
-    }
-    return 0;
-}
+namespace {
 
 uint32_t AutoSyncSetNameNode(AutoSyncNameNode *node, const char *name) {
     int ret = strcpy_s(node->name, sizeof node->name, name);
@@ -23,19 +16,6 @@ uint32_t AutoSyncSetNameNode(AutoSyncNameNode *node, const char *name) {
     g_AutoSyncCtrlBlkNameHead.first = node;
     g_AutoSyncCtrlBlkNameHead.count++;
     return 0;
-}
-
-uint32_t AutoSyncAddModule(const char *name, ASOrchMemAllocFunc memAlloc) {
-    if (AutoSyncNameExisted(name) != 0) return 1;
-    // A name the node cannot hold is refused before allocating: this operation
-    // has no free function to give an unlinked node back.
-    if (strnlen(name, AS_ORCH_NAME_LEN) >= AS_ORCH_NAME_LEN) return 1;
-    auto *node = static_cast<AutoSyncNameNode *>(memAlloc(sizeof(AutoSyncNameNode)));
-    if (node == nullptr) return 1;
-    // Zero-filled by value-initialisation: nothing here could fail and strand
-    // the node, which this operation could not give back.
-    node = ::new (static_cast<void *>(node)) AutoSyncNameNode{};
-    return AutoSyncSetNameNode(node, name) == 0 ? 0 : 1;
 }
 
 void AutoSyncDelNode(AutoSyncNameNode *prev, AutoSyncNameNode *node, ASOrchMemFreeFunc memFree) {
@@ -47,6 +27,30 @@ void AutoSyncDelNode(AutoSyncNameNode *prev, AutoSyncNameNode *node, ASOrchMemFr
     }
     g_AutoSyncCtrlBlkNameHead.count--;
     memFree(node);
+}
+
+}  // namespace
+
+bool AutoSyncNameExisted(const char *name) {
+    AutoSyncNameHead &head = g_AutoSyncCtrlBlkNameHead;
+    const AutoSyncNameNode *node = head.first;
+    for (uint32_t i = 0; i < head.count && node != nullptr; ++i, node = node->next) {
+        if (std::strncmp(node->name, name, sizeof node->name) == 0) return true;
+    }
+    return false;
+}
+
+uint32_t AutoSyncAddModule(const char *name, ASOrchMemAllocFunc memAlloc) {
+    if (AutoSyncNameExisted(name)) return 1;
+    // A name the node cannot hold is refused before allocating: this operation
+    // has no free function to give an unlinked node back.
+    if (strnlen(name, AS_ORCH_NAME_LEN) >= AS_ORCH_NAME_LEN) return 1;
+    auto *node = static_cast<AutoSyncNameNode *>(memAlloc(sizeof(AutoSyncNameNode)));
+    if (node == nullptr) return 1;
+    // Zero-filled by value-initialisation: nothing here could fail and strand
+    // the node, which this operation could not give back.
+    node = ::new (static_cast<void *>(node)) AutoSyncNameNode{};
+    return AutoSyncSetNameNode(node, name) == 0 ? 0 : 1;
 }
 
 void AutoSyncDelModule(const char *name, ASOrchMemFreeFunc memFree) {
