@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/base/as_consts.h"
 #include "core/base/as_handle.h"
 #include "qov_utils_eal.h"
 
