@@ -101,8 +101,8 @@ QOV_AS_API ASOrchHandle *ASOrchCreate(const char *name, const ASOrchCreatePara *
         return nullptr;
     }
     if (!ASNameCreatCheckValid(name, para)) {
-        // The name may be longer than a line can show; the log bounds it.
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Create Orch autosync Fail,check not valid", name);
+        // A line over 255 characters is dropped: a long name is shown by its start.
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%.200s, Create Orch autosync Fail,check not valid", name);
         return nullptr;
     }
     if (AutoSyncAddModule(name, para->memAlloc) != 0) {

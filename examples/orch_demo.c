@@ -40,6 +40,9 @@ static const char g_usage[] =
     "  --ctl PATH      open the control endpoint at PATH (a Unix socket) for qovctl\n"
     "  --connect PORT  use a running qov_broker (DAM on PORT, FES on PORT+1) instead of\n"
     "                  the built-in one; give it the same --keys and --seed\n"
+    "  --record FILE   write every frame the channels receive to FILE (pcap; qov_replay\n"
+    "                  plays it back, tools/wireshark/qov.lua reads it)\n"
+    "  --record-max N  end the recording before the file passes N bytes (default 1 GiB)\n"
     "  --help          this text\n";
 
 enum { PATHS = 2, HIST_BUCKETS = 8 * 40 };
@@ -289,12 +292,12 @@ static uint32_t DemoMetrics(void *ctx, char *buf, uint32_t size) {
 /* ---- Set-up ---- */
 
 typedef struct Options {
-    uint64_t keys, rate, duration, flood, handlerNs, high, low, threads, seed, connect, entries;
-    const char *csv, *log, *ctl;
+    uint64_t keys, rate, duration, flood, handlerNs, high, low, threads, seed, connect, entries, recordMax;
+    const char *csv, *log, *ctl, *record;
 } Options;
 
 static int ParseOptions(int argc, char **argv, Options *o) {
-    *o = (Options){100000, 4000, 6000, 2500, 1500, 20000, 5000, 3, 1, 0, 0, NULL, "orch_demo.log", NULL};
+    *o = (Options){100000, 4000, 6000, 2500, 1500, 20000, 5000, 3, 1, 0, 0, 1u << 30, NULL, "orch_demo.log", NULL, NULL};
     const struct {
         const char *name;
         uint64_t *value, lo, hi;
@@ -304,7 +307,7 @@ static int ParseOptions(int argc, char **argv, Options *o) {
         {"--handler-ns", &o->handlerNs, 0, 100000000}, {"--high", &o->high, 2, 1u << 26},
         {"--low", &o->low, 1, 1u << 26},            {"--threads", &o->threads, 1, 7},
         {"--seed", &o->seed, 0, UINT64_MAX},        {"--connect", &o->connect, 1, 65534},
-        {"--entries", &o->entries, 0, UINT64_MAX},
+        {"--entries", &o->entries, 0, UINT64_MAX}, {"--record-max", &o->recordMax, QOV_HOST_RECORD_MIN_BYTES, UINT64_MAX},
     };
     for (int i = 1; i < argc; ++i) {
         const char *arg = argv[i];
@@ -312,8 +315,13 @@ static int ParseOptions(int argc, char **argv, Options *o) {
             fputs(g_usage, stdout);
             exit(0);
         }
-        if ((strcmp(arg, "--csv") == 0 || strcmp(arg, "--log") == 0 || strcmp(arg, "--ctl") == 0) && i + 1 < argc) {
-            *(strcmp(arg, "--csv") == 0 ? &o->csv : strcmp(arg, "--log") == 0 ? &o->log : &o->ctl) = argv[++i];
+        const char **text = strcmp(arg, "--csv") == 0      ? &o->csv
+                            : strcmp(arg, "--log") == 0    ? &o->log
+                            : strcmp(arg, "--ctl") == 0    ? &o->ctl
+                            : strcmp(arg, "--record") == 0 ? &o->record
+                                                           : NULL;
+        if (text != NULL && i + 1 < argc) {
+            *text = argv[++i];
             continue;
         }
         size_t k = 0, n = sizeof(opts) / sizeof(opts[0]);
@@ -386,6 +394,9 @@ static uint64_t Percentile(double q) {
 /* Compares every key with the broker's final table; 0 when all agree. */
 static int Check(const QovRouteWorkload *wl, int external) {
     uint64_t bad = 0;
+    /* The same stream, live or replayed from a recording, gives the same line. */
+    printf("final table digest: DAM %016" PRIx64 " FES %016" PRIx64 "\n",
+           QovWlDigest(g_demo.keys, 0, g_demo.gotSeq, g_demo.gotOp), QovWlDigest(g_demo.keys, 1, g_demo.gotSeq, g_demo.gotOp));
     if (external) {
         for (uint32_t p = 0; p < PATHS; ++p)
             bad += QovWlDigest(g_demo.keys, p, g_demo.gotSeq, g_demo.gotOp) != g_demo.endInfo[p][2];
@@ -509,6 +520,10 @@ int main(int argc, char **argv) {
         g_chan[p] = (Channel){hdl, p};
         up = QovHostChanSetRecv(ASOrchGetEalHdl(hdl), p, OnFrame, &g_chan[p]) == 0;
     }
+    if (up && o.record != NULL && QovHostRecordStart(ASOrchGetEalHdl(hdl), o.record, o.recordMax) != 0) {
+        printf("orch_demo: cannot record into %s\n", o.record);
+        up = 0;
+    }
     up = up && ASOrchStart(hdl) == 0;
     int32_t epFd = up ? ASOrchGetEpollFd(hdl, 0) : -1;
     int32_t timerFd = up ? QOV_TIMER_Create(100, (uint64_t)(uintptr_t)OnSample, 0, epFd) : -1;
@@ -582,6 +597,10 @@ int main(int argc, char **argv) {
     QovHostTimerCancel(epFd, timerFd);
     for (uint32_t p = 0; p < PATHS; ++p) QovHostChanSetRecv(ASOrchGetEalHdl(hdl), p, NULL, NULL);
     PrintSummary(secs, br, external);
+    QovHostRecordStats rec;
+    if (o.record != NULL && QovHostRecordStop(ASOrchGetEalHdl(hdl), &rec) == 0)
+        printf("%-34s %" PRIu64 " frames, %" PRIu64 " bytes in %s%s\n", "recording", rec.frames, rec.bytes, o.record,
+               rec.full ? " (ended early at its bound)" : "");
     if (atomic_load(&g_demo.reportDone)) printf("\n== merge queue reports ==\n%s\n", g_demo.report);
     ASOrchDestroy(hdl);
     atomic_store(&g_brokerStop, !drained);

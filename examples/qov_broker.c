@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "qov_broker.h"
+#include "qov_table_file.h"
 
 typedef struct Path {
     uint16_t port;
@@ -22,10 +23,21 @@ typedef struct Path {
     int rc;
 } Path;
 
+static int g_resync;
+
 static void *Serve(void *arg) {
     Path *p = arg;
-    p->rc = QovBrokerServe(p->fd, &p->para, &p->wl, &p->stats, NULL);
+    p->rc = (g_resync ? QovBrokerServeResync : QovBrokerServe)(p->fd, &p->para, &p->wl, &p->stats, NULL);
     return NULL;
+}
+
+/* Writes the final table (every key's last value and operation) for a check. */
+static int Dump(const char *file, uint32_t keys, const uint32_t *seq, const uint8_t *lastOp) {
+    QovTableFile t;
+    if (QovTableOpen(&t, file, keys, 1) != 0) return 1;
+    for (uint32_t k = 0; k < keys; ++k) t.row[k] = (QovTableRow){seq[k], lastOp[k], {0}};
+    QovTableClose(&t);
+    return 0;
 }
 
 static const char g_usage[] =
@@ -41,6 +53,10 @@ static const char g_usage[] =
     "  --entries N     end the stream after about N entries (default 0: the duration ends it)\n"
     "  --seed N        workload seed (default 1)\n"
     "  --accept MS     how long to wait for the orchestrator (default 30000)\n"
+    "  --resync        serve orchestrators that go away and come back: the table goes\n"
+    "                  on changing while none is connected, each connection starts\n"
+    "                  with a resync of the path's table (no transfer message at the end)\n"
+    "  --dump FILE     write the final table there (a table file, for a check)\n"
     "  --help          this text\n"
     "Receive messages carry up to 32 entries of 32 bytes (16-byte prefix key); a quarter\n"
     "of the keys go the FES way, the rest the DAM way; one message in five deletes.\n";
@@ -59,6 +75,7 @@ static int Number(int argc, char **argv, int *i, uint64_t lo, uint64_t hi, uint6
 int main(int argc, char **argv) {
     uint64_t port = 47470, keys = 100000, seed = 1, rate = 20000, duration = 5000, flood = 1500, rows = 64,
              accept = 30000, entries = 0;
+    const char *dump = NULL;
     const struct {
         const char *name;
         uint64_t *value;
@@ -75,6 +92,14 @@ int main(int argc, char **argv) {
         if (strcmp(argv[i], "--help") == 0) {
             fputs(g_usage, stdout);
             return 0;
+        }
+        if (strcmp(argv[i], "--resync") == 0) {
+            g_resync = 1;
+            continue;
+        }
+        if (strcmp(argv[i], "--dump") == 0 && i + 1 < argc) {
+            dump = argv[++i];
+            continue;
         }
         size_t k = 0;
         while (k < sizeof(opts) / sizeof(opts[0]) && strcmp(argv[i], opts[k].name) != 0) ++k;
@@ -118,6 +143,7 @@ int main(int argc, char **argv) {
                QovWlDigest(p->wl.keys, (uint32_t)i, seq, lastOp));
         rc |= p->rc;
     }
+    if (ok && dump != NULL) rc |= Dump(dump, (uint32_t)keys, seq, lastOp);
     for (int i = 0; i < 2; ++i)
         if (paths[i].fd >= 0) close(paths[i].fd);
     free(seq);

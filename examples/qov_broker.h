@@ -43,6 +43,16 @@ int QovBrokerListen(uint16_t *port);
 int QovBrokerServe(int listenFd, const QovBrokerPara *para, QovRouteWorkload *wl, QovBrokerStats *stats,
                    _Atomic int *stop);
 
+/* QovBrokerServe for orchestrators that go away and come back: serves one
+ * connection after the other until the stream is over. While none is
+ * connected the table goes on changing at the steady rate. Each connection
+ * first gets the resync of the path's table (begin, present rows, end, see
+ * qov_route_workload.h), then the live stream from where it stands; the end
+ * of stream goes to the connection open when the duration is over. 0 when
+ * the end went out, 1 otherwise. */
+int QovBrokerServeResync(int listenFd, const QovBrokerPara *para, QovRouteWorkload *wl, QovBrokerStats *stats,
+                         _Atomic int *stop);
+
 /* CLOCK_MONOTONIC in microseconds. */
 uint64_t QovBrokerNowUs(void);
 

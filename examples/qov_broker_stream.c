@@ -178,3 +178,119 @@ int QovBrokerServe(int listenFd, const QovBrokerPara *para, QovRouteWorkload *wl
     close(fd);
     return rc;
 }
+
+/* ---- Serving orchestrators that restart ---- */
+
+static int StreamOver(uint64_t startUs, const QovBrokerPara *para) {
+    return startUs != 0 && QovBrokerNowUs() >= startUs + para->durationMs * 1000ull;
+}
+
+/* While no orchestrator is connected the table goes on changing: ms worth of
+ * messages at the steady rate are built and applied, not sent. */
+static void ChangeWhileAway(QovRouteWorkload *wl, uint32_t rate, uint32_t ms) {
+    uint8_t body[QOV_WL_BODY_MAX];
+    uint32_t len = 0, n = (rate != 0 ? rate : 10000u) * ms / 1000u;
+    for (uint32_t i = 0; i < (n != 0 ? n : 1u); ++i) QovWlNext(wl, body, &len, (uint32_t)QovBrokerNowUs());
+}
+
+/* The resync of the path's table: begin, the present rows, end. */
+static int SendResync(Stream *s, const QovRouteWorkload *wl, uint32_t *rows) {
+    static _Thread_local uint8_t body[QOV_WL_RESYNC_BODY_MAX];
+    *rows = 0;
+    if (Put(s, QOV_WL_MSG_TRANS, body, QovWlResyncMark(body, wl->fes, 0)) != 0) return 1;
+    for (uint32_t next = 0, n = 0; next < wl->keys; *rows += n)
+        if (Put(s, QOV_WL_MSG_TRANS, body, QovWlResyncRows(body, wl, &next, &n, (uint32_t)QovBrokerNowUs())) != 0)
+            return 1;
+    if (Put(s, QOV_WL_MSG_TRANS, body, QovWlResyncMark(body, wl->fes, 1)) != 0) return 1;
+    return Flush(s);
+}
+
+/* The live stream from where it stands: what is left of the initial fill,
+ * then the steady and the flood phase, timed from the first connection. */
+static int StreamLive(Stream *s, const QovBrokerPara *para, QovRouteWorkload *wl, uint64_t startUs) {
+    atomic_store(&s->stats->phase, QOV_BROKER_FILL);
+    while (wl->fillNext < wl->keys)
+        if (PutNext(s, wl) != 0 || Stopped(s)) return 1;
+    uint32_t steadyMs = para->durationMs > para->floodMs ? para->durationMs - para->floodMs : 0;
+    atomic_store(&s->stats->phase, QOV_BROKER_STEADY);
+    if (StreamTimed(s, wl, para->rate, startUs + steadyMs * 1000ull, para->maxEntries) != 0) return 1;
+    atomic_store(&s->stats->phase, QOV_BROKER_FLOOD);
+    return StreamTimed(s, wl, 0, startUs + para->durationMs * 1000ull, para->maxEntries);
+}
+
+/* Accepts the next orchestrator, changing the table while it waits; -1 after
+ * acceptMs without one, or when stopped. */
+static int AcceptChanging(int listenFd, const QovBrokerPara *para, QovRouteWorkload *wl, uint64_t startUs,
+                          _Atomic int *stop) {
+    uint64_t t0 = QovBrokerNowUs();
+    while ((stop == NULL || atomic_load(stop) == 0) && QovBrokerNowUs() - t0 < para->acceptMs * 1000ull) {
+        struct pollfd p = {.fd = listenFd, .events = POLLIN};
+        if (poll(&p, 1, 10) > 0) {
+            int fd = accept4(listenFd, NULL, NULL, SOCK_CLOEXEC);
+            if (fd >= 0) return fd;
+        }
+        if (startUs != 0 && !StreamOver(startUs, para)) ChangeWhileAway(wl, para->rate, 10);
+    }
+    return -1;
+}
+
+int QovBrokerServeResync(int listenFd, const QovBrokerPara *para, QovRouteWorkload *wl, QovBrokerStats *stats,
+                         _Atomic int *stop) {
+    Stream *s = malloc(sizeof(*s));
+    uint32_t *seqAt = calloc(wl->keys, sizeof(*seqAt)); /* the table when the connection dropped */
+    uint8_t *opAt = calloc(wl->keys, 1);
+    const char *path = wl->fes ? "FES" : "DAM";
+    int rc = 1;
+    uint64_t startUs = 0;
+    for (uint32_t conn = 1; s != NULL && seqAt != NULL && opAt != NULL; ++conn) {
+        atomic_store(&stats->phase, QOV_BROKER_WAITING);
+        int fd = AcceptChanging(listenFd, para, wl, startUs, stop);
+        if (fd < 0) {
+            fprintf(stderr, "broker: %s: no orchestrator connected\n", path);
+            break;
+        }
+        uint64_t t0 = QovBrokerNowUs();
+        if (startUs == 0) startUs = t0;
+        uint32_t deleted = 0, changed = 0, rows = 0;
+        for (uint32_t k = 0; conn > 1 && k < wl->keys; ++k) {
+            if ((uint32_t)QovWlIsFes(k) != wl->fes || opAt[k] != QOV_WL_SET) continue;
+            deleted += wl->lastOp[k] != QOV_WL_SET;
+            changed += wl->lastOp[k] == QOV_WL_SET && wl->seq[k] != seqAt[k];
+        }
+        s->fd = fd;
+        s->used = 0;
+        s->stats = stats;
+        s->stop = stop;
+        int lost = SendResync(s, wl, &rows);
+        printf("broker: %s connection %u: resync of %u rows sent in %.1f ms; while the orchestrator was away %u of "
+               "its keys were deleted and %u changed\n",
+               path, conn, rows, (double)(QovBrokerNowUs() - t0) / 1e3, deleted, changed);
+        fflush(stdout);
+        lost = lost || StreamLive(s, para, wl, startUs);
+        if (!lost) {
+            uint64_t end[3] = {wl->msgs, wl->entries, QovWlDigest(wl->keys, wl->fes, wl->seq, wl->lastOp)};
+            lost = Put(s, QOV_WL_MSG_END, end, sizeof(end)) != 0 || Flush(s) != 0;
+        }
+        if (!lost) {
+            atomic_store(&stats->phase, QOV_BROKER_DONE);
+            atomic_store(&stats->streamUs, QovBrokerNowUs() - startUs);
+            AwaitClose(fd, stop);
+            close(fd);
+            rc = 0;
+            break;
+        }
+        close(fd);
+        for (uint32_t k = 0; k < wl->keys; ++k) { /* this path's keys: the other path's thread writes its own */
+            if ((uint32_t)QovWlIsFes(k) != wl->fes) continue;
+            seqAt[k] = wl->seq[k];
+            opAt[k] = wl->lastOp[k];
+        }
+        if (Stopped(s)) break;
+        printf("broker: %s connection %u lost; the table goes on changing\n", path, conn);
+        fflush(stdout);
+    }
+    free(s);
+    free(seqAt);
+    free(opAt);
+    return rc;
+}

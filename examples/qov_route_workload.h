@@ -108,6 +108,16 @@ static inline uint32_t QovWlPick(QovRouteWorkload *wl, uint32_t fes) {
     return key < wl->keys ? key : (fes ? 3u : 0u);
 }
 
+/* The entry of a key with its value; next hop and interface follow from them. */
+/* NOLINTNEXTLINE(bugprone-easily-swappable-parameters): key, value, time: the entry's own order */
+static inline void QovWlEntry(uint32_t key, uint32_t seq, uint32_t nowUs, QovRouteEntry *e) {
+    QovWlPrefix(key, e->prefix);
+    e->seq = seq;
+    e->nextHop = 0x0A000001u + (seq & 0xFFu);
+    e->ifIndex = 1u + key % 48u;
+    e->sentUs = nowUs;
+}
+
 /* Builds the next receive message of the path into body (QOV_WL_BODY_MAX
  * bytes): the initial fill first (every key of the path set once, in order), then a mix of sets and deletes on
  * random keys, sometimes the same key several times in one message. Returns the
@@ -131,11 +141,7 @@ static inline uint32_t QovWlNext(QovRouteWorkload *wl, uint8_t *body, uint32_t *
             key = ((r >> 24) % 8u == 0u && i > 0) ? QovWlKeyOf(body + QOV_WL_BODY_PREFIX, wl->keys) : QovWlPick(wl, fes);
         }
         QovRouteEntry e;
-        QovWlPrefix(key, e.prefix);
-        e.seq = ++wl->seq[key];
-        e.nextHop = 0x0A000001u + (e.seq & 0xFFu);
-        e.ifIndex = 1u + key % 48u;
-        e.sentUs = nowUs;
+        QovWlEntry(key, ++wl->seq[key], nowUs, &e);
         wl->lastOp[key] = del ? QOV_WL_DEL : QOV_WL_SET;
         memcpy(body + QOV_WL_BODY_PREFIX + count * sizeof(e), &e, sizeof(e));
         ++count;
@@ -198,6 +204,66 @@ static inline uint32_t QovWlTransfer(uint8_t *body, uint32_t rows, const QovRout
     memset(body, 0, 8);
     QovWlPut32(body + 8, off - 12);
     return off;
+}
+
+/* ---- Resynchronisation after a restart or a switchover ----
+ * Each path's keys form a transfer table of their own, on the path's channel.
+ * A resync of a table is a run of transfer messages of one TLV each: the
+ * begin of a VRF data class (smoothing type 10), the table's present rows as
+ * table data (type 1, up to QOV_WL_RESYNC_ROWS a message), the end (type 11). */
+#define QOV_WL_TABLE_DAM QOV_WL_TRANS_TABLE
+#define QOV_WL_TABLE_FES 0x62u
+#define QOV_WL_RESYNC_ROWS 2000u
+#define QOV_WL_RESYNC_BODY_MAX (24u + 8u + QOV_WL_RESYNC_ROWS * (uint32_t)sizeof(QovRouteEntry))
+#define QOV_WL_SMOOTH_TLV 100u /* a transfer TLV type that carries smoothing TLVs */
+#define QOV_WL_CLASS_BEGIN 10u
+#define QOV_WL_CLASS_END 11u
+#define QOV_WL_CLASS_LEN 28u
+
+static inline uint32_t QovWlTableId(uint32_t fes) { return fes ? QOV_WL_TABLE_FES : QOV_WL_TABLE_DAM; }
+
+/* The begin (end 0) or end (end 1) of a resync of the path's table; returns
+ * the body length (52 bytes). */
+static inline uint32_t QovWlResyncMark(uint8_t *body, uint32_t fes, int end) {
+    uint32_t table = QovWlTableId(fes);
+    memset(body, 0, 24u + QOV_WL_CLASS_LEN);
+    QovWlPut32(body + 8, 12u + QOV_WL_CLASS_LEN);
+    QovWlPut32(body + 12, table);
+    QovWlPut32(body + 16, QOV_WL_SMOOTH_TLV);
+    QovWlPut32(body + 20, QOV_WL_CLASS_LEN);
+    QovWlPut32(body + 24, end ? QOV_WL_CLASS_END : QOV_WL_CLASS_BEGIN);
+    QovWlPut32(body + 28, QOV_WL_CLASS_LEN);
+    QovWlPut32(body + 32, table);
+    QovWlPut32(body + 36, 1); /* the class */
+    return 24u + QOV_WL_CLASS_LEN;
+}
+
+/* The next rows of a resync: the path's present keys (last operation a set)
+ * from *next on, at most QOV_WL_RESYNC_ROWS, as table data in the path's
+ * layout (FES: an 8-byte header whose second word is the rows' byte length).
+ * *next goes past the last key looked at, *rows gets the rows written.
+ * Returns the body length; body holds QOV_WL_RESYNC_BODY_MAX bytes. */
+/* NOLINTNEXTLINE(bugprone-easily-swappable-parameters): the cursor in and out, then what was written */
+static inline uint32_t QovWlResyncRows(uint8_t *body, const QovRouteWorkload *wl, uint32_t *next, uint32_t *rows,
+                                       uint32_t nowUs) {
+    uint32_t hdr = wl->fes ? 8u : 0u, n = 0, k = *next;
+    for (; k < wl->keys && n < QOV_WL_RESYNC_ROWS; ++k) {
+        if ((uint32_t)QovWlIsFes(k) != wl->fes || wl->lastOp[k] != QOV_WL_SET) continue;
+        QovRouteEntry e;
+        QovWlEntry(k, wl->seq[k], nowUs, &e);
+        memcpy(body + 24u + hdr + n * sizeof(e), &e, sizeof(e));
+        ++n;
+    }
+    uint32_t valueLen = hdr + n * (uint32_t)sizeof(QovRouteEntry);
+    memset(body, 0, 24u + hdr);
+    QovWlPut32(body + 8, 12u + valueLen);
+    QovWlPut32(body + 12, QovWlTableId(wl->fes));
+    QovWlPut32(body + 16, 1); /* table data, entries of the registered size */
+    QovWlPut32(body + 20, valueLen);
+    if (wl->fes) QovWlPut32(body + 28, n * (uint32_t)sizeof(QovRouteEntry));
+    *next = k;
+    *rows = n;
+    return 24u + valueLen;
 }
 
 #endif

@@ -14,11 +14,12 @@ uint32_t DropQueuedMsg(void *vec, uint32_t size, void * /*usrData*/) {
     return 0;
 }
 
-// Takes a path's queue out of the Data thread's epoll set. This waits for a
-// reader dispatch still running there, so once both paths are stopped nothing
-// reads the queues, their entries or the dispatch tables any more.
+// Takes a path's queue out of the Data thread's epoll set for good and waits
+// for a reader dispatch still running there, whatever its handlers press or
+// release meanwhile; once both paths are stopped nothing reads the queues,
+// their entries or the dispatch tables any more.
 void StopReader(ASOrchMergeRec *rec) {
-    if (rec->mergeQue != nullptr) (void)QOV_MergeQueBackPress(rec->mergeQue, 0);
+    if (rec->mergeQue != nullptr) QOV_MergeQueStopReader(rec->mergeQue);
 }
 
 void FreeMergeRec(ASOrchHandle *hdl, ASOrchMergeRec *rec) {

@@ -12,4 +12,11 @@
 // reader is already out of its epoll set. Returns the number of entries taken.
 uint32_t QOV_MergeQueDrain(MergeQueCtrlBlk *mque, MergeQueReadFunc func, void *usrData);
 
+// Takes the reader out of its epoll set for good and returns once no dispatch
+// of it runs any more, whatever back-pressure its callbacks apply meanwhile;
+// from then on a dispatch does not enter the queue and un-back-pressure
+// refuses. For destruction, and for an owner that stops every reader before
+// releasing what their callbacks use. Not from the reader's own thread.
+void QOV_MergeQueStopReader(MergeQueCtrlBlk *mque);
+
 #endif

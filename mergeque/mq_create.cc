@@ -1,6 +1,7 @@
 // Creation and destruction of merge queues, and the queue's hash table.
 #include <unistd.h>
 
+#include "mergeque/mergeque_internal.h"
 #include "mergeque/mq_private.h"
 
 namespace {
@@ -11,18 +12,18 @@ uint16_t MqElemSize(uint32_t dataSize) {
     return size > UINT16_MAX ? 0 : static_cast<uint16_t>(size);
 }
 
-// Takes the event descriptor out of its epoll set and closes it, so that no
-// dispatch can reach the queue once it is gone.
+// Stops the reader and closes its event descriptor, so that no dispatch can
+// reach the queue once it is gone.
 void MqReaderRelease(MergeQueCtrlBlk *mque) {
     if (mque->reader.eventFd < 0) return;
-    QOV_MergeQueEpollUnReg(mque);
+    QOV_MergeQueStopReader(mque);
     close(mque->reader.eventFd);
     mque->reader.eventFd = -1;
 }
 
-// Undoes a creation that failed in QOV_Merge_Init.
+// Undoes a creation that failed in QOV_Merge_Init, which enters the block in
+// the name tree only as its last step.
 void MqCreateUndo(MergeQueCtrlBlk *mque, const MergeQueCreatePara *para) {
-    if (QOV_MergeQueNameTreeFind(mque->name) == mque) QOV_MergeQueNameTreeDelete(mque->name);
     MqReaderRelease(mque);
     QOV_MergeQueHashDelete(mque);
     para->freeFunc(mque);
@@ -62,18 +63,20 @@ uint32_t QOV_MergeQueCreateCheck(const char *name, const MergeQueCreatePara *par
     return 0;
 }
 
+// The block enters the name tree last, complete: a report on another thread
+// finds a queue by name from then on and reads all of it.
 uint32_t QOV_Merge_Init(const char *name, MergeQueCtrlBlk *mque, const MergeQueCreatePara *para) {
     if (strcpy_s(mque->name, sizeof mque->name, name) != 0) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MERGE_QUE Create] %s strcpy Fail", name);
         return 1;
     }
-    if (QOV_MergeQueNameTreeInsert(mque) != 0) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MERGE_QUE Create] %s nameInsert Fail", name);
-        return 1;
-    }
     mque->para = *para;
     if (QOV_MergeQueHashCreate(mque) != 0 || QOV_MergeQueReaderInit(mque) != 0) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MERGE_QUE Create] %s hash create Fail", name);
+        return 1;
+    }
+    if (QOV_MergeQueNameTreeInsert(mque) != 0) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MERGE_QUE Create] %s nameInsert Fail", name);
         return 1;
     }
     return 0;
@@ -113,8 +116,8 @@ QOV_AS_API MergeQueCtrlBlk *QOV_MergeQueCreate(const char *name, const MergeQueC
 QOV_AS_API uint32_t QOV_MergeQueDestory(MergeQueCtrlBlk *mque) {
     if (mque == nullptr) return 0;
     // Out of the name tree first, so that no report reads the block from here
-    // on; then out of the epoll set, so that no reader runs while itemCnt is
-    // read and the entries go.
+    // on; then the reader stops, so that none runs while itemCnt is read and
+    // the entries go.
     MqNameTreeUnlink(mque);
     MqReaderRelease(mque);
     if (mque->reader.itemCnt != 0) {

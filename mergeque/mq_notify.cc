@@ -2,8 +2,12 @@
 // monitor, and back-pressure (the descriptor taken out of its epoll set).
 #include <sys/eventfd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <thread>
 
+#include "mergeque/mergeque_internal.h"
 #include "mergeque/mq_private.h"
 #include "qov_utils_eal.h"
 
@@ -13,12 +17,28 @@ namespace {
 constexpr int kEventFdFlags = EFD_SEMAPHORE | EFD_NONBLOCK | EFD_CLOEXEC;
 static_assert(kEventFdFlags == 0x80801);
 
-}  // namespace
+// How long a stop sleeps between looks at a dispatch still running.
+constexpr auto kStopPoll = std::chrono::microseconds(50);
 
-extern "C" {
+std::atomic_ref<uint32_t> Ctl(MergeQueCtrlBlk *mque) { return std::atomic_ref<uint32_t>(mque->reader.ctl); }
 
-uint32_t QOV_MergeQueEpollReg(MergeQueCtrlBlk *mque) {
+// Returns the control word as it was when the lock was taken.
+uint32_t RegLock(MergeQueCtrlBlk *mque) {
+    uint32_t was;
+    while (((was = Ctl(mque).fetch_or(kMqCtlRegLock, std::memory_order_acquire)) & kMqCtlRegLock) != 0) {
+        std::this_thread::yield();
+    }
+    return was;
+}
+
+void RegUnlock(MergeQueCtrlBlk *mque) { Ctl(mque).fetch_and(~kMqCtlRegLock, std::memory_order_release); }
+
+uint32_t EpollRegLocked(MergeQueCtrlBlk *mque, uint32_t ctl) {
     MergeQueReader &rd = mque->reader;
+    if ((ctl & kMqCtlStopped) != 0) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s reader is stopped, epoll reg refused.", mque->name);
+        return 1;
+    }
     if (rd.eventFd == -1) rd.eventFd = eventfd_s(0, kEventFdFlags);
     if (rd.eventFd < 0) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s Create Eventfd Fail, errno=%d", mque->name, errno);
@@ -37,12 +57,27 @@ uint32_t QOV_MergeQueEpollReg(MergeQueCtrlBlk *mque) {
     return 0;
 }
 
+}  // namespace
+
+extern "C" {
+
+uint32_t QOV_MergeQueEpollReg(MergeQueCtrlBlk *mque) {
+    uint32_t ret = EpollRegLocked(mque, RegLock(mque));
+    RegUnlock(mque);
+    return ret;
+}
+
+// On the queue's own thread the removal never waits: a dispatch of this queue
+// running there is the caller itself.
 void QOV_MergeQueEpollUnReg(MergeQueCtrlBlk *mque) {
     MergeQueReader &rd = mque->reader;
+    (void)RegLock(mque);
     QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "epfd unreg, epfd = %d(%u), quefd = %d.", mque->para.epFd, rd.epollReg, rd.eventFd);
-    if (rd.epollReg != 1) return;
-    QOV_EPOLL_DEL(mque->para.epFd, rd.eventFd);
-    rd.epollReg = 0;
+    if (rd.epollReg == 1) {
+        QOV_EPOLL_DEL(mque->para.epFd, rd.eventFd);
+        rd.epollReg = 0;
+    }
+    RegUnlock(mque);
 }
 
 // NOLINTNEXTLINE(bugprone-easily-swappable-parameters): the platform's epoll callback type
@@ -50,13 +85,21 @@ uint32_t QOV_MergeQueSchedProc(int32_t fd, uint32_t events, void *usrData) {
     (void)events;
     auto *mque = static_cast<MergeQueCtrlBlk *>(usrData);
     if (fd < 0 || mque == nullptr) return 1;
+    std::atomic_ref<uint32_t> ctl = Ctl(mque);
+    if ((ctl.fetch_or(kMqCtlRunning, std::memory_order_acquire) & kMqCtlStopped) != 0) {
+        ctl.fetch_and(~kMqCtlRunning, std::memory_order_release);
+        return 1;
+    }
+    uint32_t ret = 0;
     eventfd_t value = 0;
     if (eventfd_read(fd, &value) < 0) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "merge queue %s Fail To Sched, errno=%d", mque->name, errno);
-        return 1;
+        ret = 1;
+    } else if (mque->para.schedFunc != nullptr) {
+        mque->para.schedFunc(mque);
     }
-    if (mque->para.schedFunc != nullptr) mque->para.schedFunc(mque);
-    return 0;
+    ctl.fetch_and(~kMqCtlRunning, std::memory_order_release);  // the last touch of the queue
+    return ret;
 }
 
 void QOV_MergeQueNotifyByRead(MergeQueCtrlBlk *mque) {
@@ -84,11 +127,15 @@ uint32_t QOV_MergeQueMonitorCheck(const MergeQueCtrlBlk *mque, const MergeQueMon
 
 QOV_AS_API uint32_t QOV_MergeQueMonitorReg(MergeQueCtrlBlk *mque, const MergeQueMonitorAttr *attr) {
     if (QOV_MergeQueMonitorCheck(mque, attr) != 0) return 1;
+    // The queue is already in the name tree, where reports read the monitor
+    // under the tree's mutex; written under it, the monitor is seen whole.
+    bool locked = pthread_mutex_lock(&g_qovMergeQueGlbCb.nameTreeMutex) == 0;
     mque->monitor.highWater = attr->highWater;
     mque->monitor.lowWater = attr->lowWater;
     mque->monitor.flowCtrlNotify = attr->flowCtrlNotify;
     mque->monitor.usrData = attr->usrData;
     mque->monitor.overLoad = 0;
+    if (locked) pthread_mutex_unlock(&g_qovMergeQueGlbCb.nameTreeMutex);
     QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "merge queue %s MonitorReg ok.", mque->name);
     return 0;
 }
@@ -137,3 +184,18 @@ QOV_AS_API uint32_t QOV_MergeQueUnBackPress(MergeQueCtrlBlk *mque, uint64_t *ctx
 }
 
 }  // extern "C"
+
+void QOV_MergeQueStopReader(MergeQueCtrlBlk *mque) {
+    MergeQueReader &rd = mque->reader;
+    (void)RegLock(mque);
+    Ctl(mque).fetch_or(kMqCtlStopped, std::memory_order_relaxed);
+    uint32_t wasReg = rd.epollReg;
+    rd.epollReg = 0;
+    RegUnlock(mque);
+    QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "epfd unreg, epfd = %d(%u), quefd = %d.", mque->para.epFd, wasReg, rd.eventFd);
+    // The removal waits for a dispatch of the registration running on another
+    // thread; one whose handler has already pressed the queue out of the set
+    // is waited for by its running mark.
+    if (wasReg == 1) QOV_EPOLL_DEL(mque->para.epFd, rd.eventFd);
+    while ((Ctl(mque).load(std::memory_order_acquire) & kMqCtlRunning) != 0) std::this_thread::sleep_for(kStopPoll);
+}

@@ -52,9 +52,20 @@ struct MergeQueReader {
     uint32_t itemCnt;
     MergeQueStatSlot stat[MERGE_QUE_READER_STAT_NUM];
     int32_t eventFd;    // -1 while none has been made
-    uint32_t epollReg;  // 1 while eventFd is in the epoll set
+    uint32_t epollReg;  // 1 while eventFd is in the epoll set; changed under kMqCtlRegLock
     uint64_t backPressCtx;
+    uint32_t ctl;       // kMqCtl* bits, shared with a destroying thread: atomic accesses only
+    uint32_t reading;   // 1 while a read walks the list, so that a nested read is refused
 };
+
+// Bits of the reader's control word. The registration lock orders changes of
+// epollReg made by back-pressure on the queue's own thread against the stop of
+// a destroying thread; it is held for flag changes and the queue thread's own
+// epoll calls, never while waiting for a dispatch. A dispatch marks itself
+// running while it is inside the queue, and none enters once it is stopped.
+constexpr uint32_t kMqCtlRegLock = 1u;
+constexpr uint32_t kMqCtlRunning = 2u;
+constexpr uint32_t kMqCtlStopped = 4u;
 
 struct MergeQueMonitor {
     uint32_t highWater;

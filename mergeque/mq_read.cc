@@ -11,6 +11,24 @@ inline void MqTakeOut(MergeQueCtrlBlk *mque, MergeQueEntry *entry) {
     QOV_MergeQueRemoveHash(mque, entry);
 }
 
+// Reads do not overlap: a read from inside a read callback of the same queue
+// would take the entry the outer walk goes on with. Such a read is refused.
+inline bool MqReadBegin(MergeQueCtrlBlk *mque) {
+    if (mque->reader.reading != 0) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s read refused, the queue is already being read.", mque->name);
+        return false;
+    }
+    mque->reader.reading = 1;
+    return true;
+}
+
+// Signals again while entries remain and checks the low water, then ends the read.
+inline void MqReadEnd(MergeQueCtrlBlk *mque) {
+    QOV_MergeQueNotifyByRead(mque);
+    QOV_MergeQueMonitorRemove(mque);
+    mque->reader.reading = 0;
+}
+
 // A read that emptied the queue before its maxCount counts the shortfall.
 inline void MqCountShortfall(MergeQueCtrlBlk *mque, uint32_t maxCount, uint32_t read) {
     if (read < maxCount) MqAddReaderStat(mque, MQ_RSTAT_EMPTY_READ, maxCount - read);
@@ -38,10 +56,9 @@ uint32_t QOV_MergeQueRemoveHash(MergeQueCtrlBlk *mque, MergeQueEntry *entry) {
 }
 
 QOV_AS_API uint32_t QOV_MergeQueRead(MergeQueCtrlBlk *mque, void *buf, uint32_t maxCount) {
-    if (mque == nullptr || buf == nullptr || maxCount == 0) return 0;
+    if (mque == nullptr || buf == nullptr || maxCount == 0 || !MqReadBegin(mque)) return 0;
     uint32_t read = QOV_MergeQueReadBase(mque, mque->para.dataSize, buf, maxCount);
-    QOV_MergeQueNotifyByRead(mque);
-    QOV_MergeQueMonitorRemove(mque);
+    MqReadEnd(mque);
     return read;
 }
 
@@ -64,10 +81,9 @@ uint32_t QOV_MergeQueReadBase(MergeQueCtrlBlk *mque, uint32_t recSize, void *buf
 
 QOV_AS_API uint32_t QOV_MergeQueReadCallBack(MergeQueCtrlBlk *mque, uint32_t maxCount, MergeQueReadFunc func,
                                              void *usrData) {
-    if (maxCount == 0 || mque == nullptr || func == nullptr) return 0;
+    if (maxCount == 0 || mque == nullptr || func == nullptr || !MqReadBegin(mque)) return 0;
     uint32_t read = QOV_MergeQueReadToCallBack(mque, maxCount, func, usrData);
-    QOV_MergeQueNotifyByRead(mque);
-    QOV_MergeQueMonitorRemove(mque);
+    MqReadEnd(mque);
     return read;
 }
 

@@ -10,6 +10,7 @@
 #include <stdint.h>
 #include "qov_utils_base.h"
 #include "qov_utils_eal.h"
+#include "qov_host_api.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -67,7 +68,7 @@ QOV_PLAT_API void QovHostFailNext(const char *op, uint32_t times, int64_t result
 QOV_PLAT_API void QovHostFailClear(void);
 
 /* ---- Identity of the process ---- */
-QOV_PLAT_API void QovHostSetRoleMb(uint32_t isMb); /* default 1 */
+/* The role: QovHostSetRoleMb in qov_host_api.h (default 1). */
 QOV_PLAT_API void QovHostSetSlot(uint32_t slot);   /* default 1 */
 QOV_PLAT_API void QovHostSetCpu(uint32_t cpu);     /* default 0 */
 QOV_PLAT_API void QovHostSetOrchId(uint32_t orchId); /* default 0 */
@@ -153,7 +154,8 @@ QOV_PLAT_API uint32_t QovHostFrameMax(void);
 #define QOV_HOST_SMOOTH_VRF_STATE 0u
 #define QOV_HOST_SMOOTH_VRF_DATA 1u
 #define QOV_HOST_SMOOTH_LR_DATA 2u
-/* Begins minus ends: 0 balanced, above 0 open, below 0 an end without its begin. */
+/* Begins minus ends: 0 balanced, above 0 open, below 0 an end without its
+ * begin (each such end is logged under "QOV_SMOOTH"). */
 QOV_PLAT_API int32_t QovHostSmoothOpen(uint32_t tableId, uint32_t kind);
 /* Number of (table, kind) brackets that do not balance. */
 QOV_PLAT_API uint32_t QovHostSmoothUnbalanced(void);

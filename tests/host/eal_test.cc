@@ -372,6 +372,43 @@ TEST_F(EalTest, SyncGroupLinksTwoInstances) {
     EXPECT_EQ(QOV_EAL_SyncMsg(b, 2, items, 1), 1u) << "a configured link that is down";
 }
 
+// Two peers on another address of the host: the link follows the address it
+// was given (a connector sent to 127.0.0.1 does not reach a listener on
+// 127.0.0.2), and the standby's instance, outside the MB role, links up while
+// its broker channel stays idle.
+TEST_F(EalTest, SyncLinkOnAnotherAddressAndIdleChannelsOutsideMb) {
+    const uint32_t other = htonl(0x7F000002u);  // 127.0.0.2
+    Broker broker;
+    void *active = Make("act", 1);
+    AddGrp(active, 0, 0);
+    uint16_t port = 0;
+    ASSERT_EQ(QovHostSyncListenAddr(active, 0, other, &port), 0u);
+    ASSERT_EQ(QOV_EAL_Start(active), 0u);
+
+    QovHostSetRoleMb(0);
+    void *wrong = Make("wrong", 1);
+    AddGrp(wrong, 0, 0);
+    ASSERT_EQ(QovHostSyncConnect(wrong, 0, port), 0u);
+    void *standby = Make("stby", 1);
+    AddChan(standby, 0, 0, broker.port);
+    AddGrp(standby, 0, 0);
+    ASSERT_EQ(QovHostSyncConnectAddr(standby, 0, other, port), 0u);
+    ASSERT_EQ(QovHostSyncSetRecv(active, 0, Sink::Sync, &sink_), 0u);
+    ASSERT_EQ(QOV_EAL_Start(wrong), 0u);
+    ASSERT_EQ(QOV_EAL_Start(standby), 0u);
+
+    ASSERT_TRUE(WaitFor([&] { return QOV_EAL_IsSyncReadyOnlyTarn(standby, 0) == 1; }));
+    char word[] = "mirror";
+    QovHostSyncItem item{word, 6, 0};
+    ASSERT_EQ(QOV_EAL_SyncMsg(standby, 0, &item, 1), 0u);
+    ASSERT_TRUE(WaitFor([&] { return sink_.n == 1; }));
+    EXPECT_EQ(QOV_EAL_IsSyncReadyOnlyTarn(wrong, 0), 0u) << "connected to an address nobody listens on";
+    EXPECT_EQ(Chan(standby, 0).state, QOV_HOST_LINK_IDLE);
+    EXPECT_EQ(Chan(standby, 0).connects, 0u);
+    pollfd p{broker.lfd, POLLIN, 0};
+    EXPECT_EQ(poll(&p, 1, 50), 0) << "the standby's channel reached the broker";
+}
+
 class EalClear : public EalTest, public ::testing::WithParamInterface<bool> {};
 
 TEST_P(EalClear, ReturnsOnlyAfterTheRunningCall) {

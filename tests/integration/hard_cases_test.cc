@@ -36,7 +36,7 @@ struct State {
     std::string report;                 // DAM queue report taken when kLast is handled
     std::atomic<uint32_t> costUs{0}, damDone{0}, damAtFes{0}, fesLag{~0u}, backlogAtFes{0};
     std::atomic<uint32_t> lastSeenPressed{0}, badRelease{0}, releases{0};
-    std::atomic<bool> lastSeen{false}, paused{false};
+    std::atomic<bool> lastSeen{false}, paused{false}, pressEach{false};
     ASOrchHandle *hdl = nullptr;
 } *g;
 
@@ -63,6 +63,13 @@ uint32_t Pressed() {
 // that a release of the source happens only once the queue is at its low water.
 uint32_t Handler(ASOrchHandle *hdl, ASOrchMergeMsgVec *v) {
     uint32_t key = QovHostGetU32(v->key), val = QovHostGetU32(v->data + 4);
+    if (g->pressEach) {  // a downstream that fills and drains with every entry
+        ASOrchMergeBackPress(hdl, AS_ORCH_MERGE_DAM);
+        for (auto end = std::chrono::steady_clock::now() + std::chrono::microseconds(20);
+             std::chrono::steady_clock::now() < end;) {}
+        ++g->damDone;
+        return ASOrchMergeUnBackPress(hdl, AS_ORCH_MERGE_DAM);
+    }
     if (key == kPause) {
         g->paused = ASOrchMergeBackPress(hdl, AS_ORCH_MERGE_DAM) == 0;
         return 0;
@@ -293,6 +300,40 @@ TEST_F(HardCases, ShutdownWhileTheBrokerStillSends) {
     for (int32_t t : tids)  // a joined thread's task may linger in /proc for a moment after the join
         EXPECT_TRUE(WaitFor([t] { return !std::ifstream("/proc/self/task/" + std::to_string(t) + "/comm").good(); },
                             1000)) << "thread " << t;
+}
+
+// Broken by: destroy reading the reader's registration while the handler
+// changes it, passing a reader that its handler has just pressed out of the
+// epoll set, or leaving one that the handler put back during destroy's wait: a
+// freed queue read (ASan), unordered accesses (TSan), a Data thread spinning.
+// QOV_DESTROY_ROUNDS sets the rounds (the soak runs 100).
+TEST_F(HardCases, DestroyWhileTheHandlerPressesItsOwnPath) {
+    const char *env = getenv("QOV_DESTROY_ROUNDS");
+    const int rounds = env != nullptr ? atoi(env) : 3;
+    std::vector<uint8_t> f;  // 2048 keys: a backlog the reader works through while destroy comes
+    for (uint32_t m = 0; m < 64; ++m) {
+        Entries e;
+        for (uint32_t i = 0; i < 32; ++i) e.push_back({m * 32 + i, i});
+        Put(f, kSet, e);
+    }
+    for (int round = 0; round < rounds; ++round) {
+        g->pressEach = true;
+        g->damDone = 0;
+        Start(1u << 20, 1u << 19);
+        std::atomic<bool> stop{false};
+        std::thread feeder([&] {
+            while (!stop) {
+                broker_.Flood(f, f.size() * 64);
+                pollfd p{broker_.cfd, POLLOUT, 0};
+                poll(&p, 1, 1);
+            }
+        });
+        EXPECT_TRUE(WaitFor([] { return g->damDone > 64; })) << "round " << round;
+        stop = true;  // what the sockets and the queue hold keeps the reader busy
+        feeder.join();
+        Stop();
+        if (HasFailure()) break;
+    }
 }
 
 }  // namespace

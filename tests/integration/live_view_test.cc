@@ -385,7 +385,11 @@ TEST_F(LiveView, OpenRefusesWhatItCannotServe) {
         {"the_same_path_as_a_live_endpoint", other, sock_.c_str(), &para_},
         {"unknown_instance", &ep, fresh.c_str(), &para_},
     };
-    for (const auto &row : rows) EXPECT_EQ(QovHostCtlOpen(row.eal, row.path, row.para), 1u) << row.name;
+    for (const auto &row : rows) {
+        size_t before = qovtest::Logs().size();
+        EXPECT_EQ(QovHostCtlOpen(row.eal, row.path, row.para), 1u) << row.name;
+        EXPECT_EQ(qovtest::Logs().size(), before + 1) << row.name << ": one line says why";
+    }
     EXPECT_FALSE(std::filesystem::exists(fresh));
     close(live);
     // A socket file that nobody answers on any more is taken over.

@@ -3,6 +3,7 @@
 // against a running reader. Meant for the ThreadSanitizer build, which reports
 // any access that is not ordered; the plain build checks the results.
 #include <atomic>
+#include <chrono>
 #include <thread>
 
 #include "mq_fixture.h"
@@ -59,6 +60,63 @@ void ListAll(MqTest &) {
 
 void RunReader(MqTest &t) { QovHostEpollRunOnce(t.epFd_, 2); }
 
+// A reader whose callback presses or releases its own queue, as a handler
+// whose downstream is full does, while the queue is destroyed: the callback
+// says when it is inside, then holds the reader there a while.
+std::atomic<bool> g_inside{false}, g_mineDone{false};
+std::atomic<uint32_t> g_callback{0};  // 0 press, then hold; 1 hold, then press and release
+
+uint32_t HoldingCallback(void *, uint32_t, void *usr) {
+    auto *q = static_cast<MergeQueCtrlBlk *>(usr);
+    if (g_inside.exchange(true)) return 0;  // only the first record
+    if (g_callback == 0) QOV_MergeQueBackPress(q, 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    if (g_callback == 1) QOV_MergeQueBackPress(q, 0), QOV_MergeQueUnBackPress(q, nullptr);
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    return 0;
+}
+
+uint32_t HoldingReader(MergeQueCtrlBlk *q) { return QOV_MergeQueReadCallBack(q, 32, HoldingCallback, q); }
+
+void CreateHolding(MqTest &t, uint32_t callback) {
+    g_inside = false;
+    g_callback = callback;
+    t.para_.schedFunc = HoldingReader;
+    ASSERT_NE(t.Make("race_q"), nullptr);
+    for (uint64_t k = 0; k < 40; ++k) t.Write(k, k);
+}
+void CreatePressing(MqTest &t) { CreateHolding(t, 0); }
+void CreatePressReleasing(MqTest &t) { CreateHolding(t, 1); }
+void Nothing(MqTest &) {}
+
+// Destroys once the reader is inside its callback; afterwards no registration
+// of the queue's descriptor may be left in the epoll set.
+void DestroyWhileInside(MqTest &t) {
+    for (int i = 0; i < 2000 && !g_inside; ++i) std::this_thread::sleep_for(std::chrono::microseconds(500));
+    auto fd = static_cast<int32_t>(qovtest::Calls("QOV_EPOLL_Add").back().arg[1]);
+    Destroy(t);
+    EXPECT_NE(QOV_EPOLL_DEL(t.epFd_, fd), 0u) << "a registration outlived its queue";
+}
+
+// A queue made and given its monitor, as the merge layer does, while another
+// thread reports on it by name: the report must find it complete or not at all.
+void CreateMonitoredAndDestroy(MqTest &t) {
+    bool made = t.Make("race_q") != nullptr;
+    if (made) {
+        MergeQueMonitorAttr attr{8, 2, 0, [](uint32_t, uint64_t) { return 0u; }};
+        EXPECT_EQ(QOV_MergeQueMonitorReg(t.q_, &attr), 0u);
+        Destroy(t);
+    }
+    g_mineDone = true;
+    EXPECT_TRUE(made);
+}
+
+void PrintInfoUntilMineIsDone(MqTest &) {
+    char buf[4096];
+    while (!g_mineDone) QOV_PrintMergeQueInfo("race_q", buf, sizeof buf);
+    g_mineDone = false;
+}
+
 class MqRaceTest : public MqTest, public ::testing::WithParamInterface<RaceCase> {};
 
 TEST_P(MqRaceTest, RunsOrderedAndLeavesNothing) {
@@ -85,7 +143,13 @@ INSTANTIATE_TEST_SUITE_P(
     Threads, MqRaceTest,
     ::testing::Values(RaceCase{"InfoReportWhileDestroying", CreateFilled, Destroy, PrintInfo},
                       RaceCase{"DestroyWhileReading", CreateFilled, Destroy, RunReader},
-                      RaceCase{"ListReportWhileFirstCreation", ForgetNameTree, CreateAndDestroy, ListAll}),
+                      RaceCase{"ListReportWhileFirstCreation", ForgetNameTree, CreateAndDestroy, ListAll},
+                      RaceCase{"InfoReportWhileCreating", Nothing, CreateMonitoredAndDestroy,
+                               PrintInfoUntilMineIsDone},
+                      RaceCase{"DestroyWhileReaderHoldsItsQueuePressed", CreatePressing, DestroyWhileInside,
+                               RunReader},
+                      RaceCase{"DestroyWhileReaderPressesAndReleases", CreatePressReleasing, DestroyWhileInside,
+                               RunReader}),
     qovtest::RowName());
 
 }  // namespace

@@ -145,5 +145,55 @@ TEST_F(MqTest, HighWaterStatistics) {
     EXPECT_EQ(Count("MergeQue HistoryMaxCnt"), 6u);
 }
 
+// A read from inside the read callback of the same queue, each way of reading.
+struct NestedCase {
+    const char *name;
+    uint32_t (*read)(MergeQueCtrlBlk *q);
+};
+
+void PrintTo(const NestedCase &c, std::ostream *os) { *os << c.name; }
+
+class MqNestedReadTest : public MqTest, public ::testing::WithParamInterface<NestedCase> {};
+
+// Broken by: the inner read taking (and freeing) the entry the outer walk
+// goes on with (a freed entry read under ASan).
+TEST_P(MqNestedReadTest, IsRefusedAndTheOuterReadDeliversEveryEntryOnce) {
+    ASSERT_NE(Make(), nullptr);
+    for (uint64_t k = 1; k <= 3; ++k) Write(k, k);
+    struct Ctx {
+        MqTest *t;
+        std::vector<uint64_t> seen;
+        uint32_t innerRead;
+    } ctx{this, {}, ~0u};
+    auto cb = [](void *rec, uint32_t, void *usr) -> uint32_t {
+        auto *c = static_cast<Ctx *>(usr);
+        c->seen.push_back(static_cast<Rec *>(rec)->key);
+        if (c->seen.size() == 1) c->innerRead = GetParam().read(c->t->q_);
+        return 0;
+    };
+    EXPECT_EQ(QOV_MergeQueReadCallBack(q_, 32, cb, &ctx), 3u);
+    EXPECT_EQ(ctx.innerRead, 0u);
+    EXPECT_EQ(ctx.seen, (std::vector<uint64_t>{1, 2, 3}));
+    EXPECT_TRUE(qovtest::HasLine("mq_test read refused, the queue is already being read."));
+    EXPECT_EQ(Count("Reader-ItemCnt"), 0u);
+    EXPECT_EQ(Count("Success Read"), 3u);
+    Write(1, 1);
+    EXPECT_EQ(ReadCb(32).size(), 1u) << "the queue reads again once the outer read is over";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Read, MqNestedReadTest,
+    ::testing::Values(NestedCase{"CallbackRead",
+                                 [](MergeQueCtrlBlk *q) {
+                                     auto none = [](void *, uint32_t, void *) { return 0u; };
+                                     return QOV_MergeQueReadCallBack(q, 32, none, nullptr);
+                                 }},
+                      NestedCase{"CopyOutRead",
+                                 [](MergeQueCtrlBlk *q) {
+                                     Rec buf[32];
+                                     return QOV_MergeQueRead(q, buf, 32);
+                                 }}),
+    qovtest::RowName());
+
 }  // namespace
 }  // namespace mqtest

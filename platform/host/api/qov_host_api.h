@@ -129,8 +129,9 @@ typedef uint32_t (*QovHostChanRecvFunc)(void *ctx, QovHostIpcMsg *msg);
 QOV_PLAT_API uint32_t QovHostChanSetRecv(void *eal, uint32_t chanIdx, QovHostChanRecvFunc fn, void *ctx);
 
 /* ---- Sync groups ----
- * A sync group links two peer instances (in one process or two) over a
- * loopback TCP connection: one side listens, the other connects, per group id.
+ * A sync group links two peer instances (in one process or two) over a TCP
+ * connection, on loopback unless an address is given: one side listens, the
+ * other connects, per group id.
  * Both calls are made after the group's registration; the link is set up
  * once the instance is started (at once when it already is). The connecting
  * side reconnects with the channels' back-off; the listening side accepts the
@@ -176,6 +177,78 @@ QOV_PLAT_API uint32_t QovHostSyncSetRecv(void *eal, uint32_t grpId, QovHostSyncR
 QOV_PLAT_API uint32_t QovHostSyncListen(void *eal, uint32_t grpId, uint16_t *port);
 /* Connects to the peer listening on 127.0.0.1:port (host byte order). */
 QOV_PLAT_API uint32_t QovHostSyncConnect(void *eal, uint32_t grpId, uint16_t port);
+/* The same on any IPv4 address of the host, addr in network byte order (as
+ * inet_pton gives it): a standby on another host connects to the address its
+ * active peer listens on. INADDR_ANY listens on every address. */
+QOV_PLAT_API uint32_t QovHostSyncListenAddr(void *eal, uint32_t grpId, uint32_t addr, uint16_t *port);
+QOV_PLAT_API uint32_t QovHostSyncConnectAddr(void *eal, uint32_t grpId, uint32_t addr, uint16_t port);
+
+/* ---- Role of the process ----
+ * Whether this process runs in the MB role, the one the broker serves: what
+ * QOV_EAL_SelfRoleIsMb answers for every instance of the process (1 until set).
+ * An orchestrator sets it before it creates an instance: a standby sets 0, and
+ * sets 1 when it takes over, before it creates its active instance. The
+ * channels of an instance started outside the MB role are registered but stay
+ * idle (they do not connect to the broker); its sync-group links run. */
+QOV_PLAT_API void QovHostSetRoleMb(uint32_t isMb);
+
+/* ---- Recording ----
+ * Writes every frame that the instance's channels and sync-group links
+ * receive, with its receive time, to a capture file in the classic pcap
+ * format (written through libpcap), so that a broker stream can be replayed
+ * (tools/qov_replay) and read in Wireshark (tools/wireshark/qov.lua).
+ *
+ * Link type QOV_HOST_RECORD_LINKTYPE (DLT_USER0, 147). Each record's
+ * timestamp is the receive time (CLOCK_REALTIME, microseconds); its bytes are
+ * an 8-byte pseudo-header, then the frame as it came over the wire:
+ *   offset 0  u8  version QOV_HOST_RECORD_VERSION
+ *   offset 1  u8  link kind: QOV_HOST_RECORD_CHAN or QOV_HOST_RECORD_SYNC
+ *   offset 2  u8  direction: QOV_HOST_RECORD_IN (received)
+ *   offset 3  u8  0
+ *   offset 4  u32 channel index (0 DAM, 1 FES, 2 UP, 3 EVT) or sync group id,
+ *                 network byte order
+ *   offset 8  the 12-byte frame header, then the body
+ * A record is at most QOV_HOST_RECORD_SNAPLEN bytes (what libpcap and
+ * Wireshark read back); a longer frame, possible only with a raised frame
+ * bound, is kept cut at that length (its record length says how long it was)
+ * and cannot be replayed.
+ *
+ * The frame is written on the thread that delivers it, before the receive
+ * function sees it (the library may rewrite parts of a body in place), into a
+ * buffer of QOV_HOST_RECORD_BUF bytes: the thread pays a copy, and a write
+ * call once per buffer. The file never grows past maxBytes: the frame that
+ * would pass it ends the recording (one log line; the file stays a complete
+ * capture of everything before it). A write error ends it the same way.
+ * Recording does not rotate: a replay needs the stream from its start. */
+#define QOV_HOST_RECORD_LINKTYPE 147u /* DLT_USER0 */
+#define QOV_HOST_RECORD_VERSION 1u
+#define QOV_HOST_RECORD_PSEUDO_LEN 8u
+#define QOV_HOST_RECORD_SNAPLEN 262144u
+#define QOV_HOST_RECORD_BUF (1u << 20)
+#define QOV_HOST_RECORD_MIN_BYTES 1024u
+enum { QOV_HOST_RECORD_CHAN = 0, QOV_HOST_RECORD_SYNC = 1 };
+enum { QOV_HOST_RECORD_IN = 0 };
+
+typedef struct QovHostRecordStats {
+    uint64_t frames;  /* frames written */
+    uint64_t bytes;   /* file size, the pcap file header included */
+    uint32_t full;    /* 1: the bound or a write error ended the recording */
+    uint32_t cut;     /* frames kept cut at the snap length */
+} QovHostRecordStats;
+QOV_HOST_STATIC_ASSERT(sizeof(QovHostRecordStats) == 24, "record stats are 24 bytes");
+
+/* Starts recording into path (created or truncated), at most maxBytes bytes
+ * (at least QOV_HOST_RECORD_MIN_BYTES). 0 on success; 1 for an unknown
+ * instance, a recording already running, a bound too small, or a file that
+ * cannot be made (with a log line). May be called before or after the
+ * instance starts, from any thread. */
+QOV_PLAT_API uint32_t QovHostRecordStart(void *eal, const char *path, uint64_t maxBytes);
+/* Ends the recording (flushing and closing the file; also done by
+ * QOV_EAL_Destroy) and fills *stats when stats is not null; the stats of a
+ * recording that the bound already ended are still reported. Returns once no
+ * frame is being written. 0 on success; 1 for an unknown instance or when no
+ * recording was ever started. */
+QOV_PLAT_API uint32_t QovHostRecordStop(void *eal, QovHostRecordStats *stats);
 
 /* ---- Timers ----
  * Cancels a timer that QOV_TIMER_Create made in the epoll set epFd and closes

@@ -43,16 +43,16 @@ uint32_t SetSyncPress(const char *op, void *eal, uint32_t grpId, bool press) {
     return g != nullptr ? qovhost::LinkPress(g->link, press) : 1;
 }
 
-// Sets up a group's link once: a listener on 127.0.0.1:*port, or a peer to
-// connect to; started at once on a running instance.
-uint32_t SetUpLink(void *eal, uint32_t grpId, bool listen, uint16_t *port) {
+// Sets up a group's link once: a listener on addr:*port, or a peer at
+// addr:*port to connect to; started at once on a running instance.
+uint32_t SetUpLink(void *eal, uint32_t grpId, bool listen, uint32_t addr, uint16_t *port) {
     EalInstance *e = LiveEal(eal);
     qovhost::EalSyncGrp *g = FindGrp(eal, grpId);
     if (g == nullptr || port == nullptr) return 1;
     std::lock_guard<std::mutex> lk(e->mu);
     qovhost::Link &l = g->link;
     if (l.configured) return 1;
-    l.addr = htonl(INADDR_LOOPBACK);
+    l.addr = addr;
     if (listen) {
         int32_t s = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
         int one = 1;
@@ -228,11 +228,19 @@ QOV_PLAT_API uint32_t QovHostSyncSetRecv(void *eal, uint32_t grpId, QovHostSyncR
 }
 
 QOV_PLAT_API uint32_t QovHostSyncListen(void *eal, uint32_t grpId, uint16_t *port) {
-    return SetUpLink(eal, grpId, true, port);
+    return SetUpLink(eal, grpId, true, htonl(INADDR_LOOPBACK), port);
 }
 
 QOV_PLAT_API uint32_t QovHostSyncConnect(void *eal, uint32_t grpId, uint16_t port) {
-    return SetUpLink(eal, grpId, false, &port);
+    return SetUpLink(eal, grpId, false, htonl(INADDR_LOOPBACK), &port);
+}
+
+QOV_PLAT_API uint32_t QovHostSyncListenAddr(void *eal, uint32_t grpId, uint32_t addr, uint16_t *port) {
+    return SetUpLink(eal, grpId, true, addr, port);
+}
+
+QOV_PLAT_API uint32_t QovHostSyncConnectAddr(void *eal, uint32_t grpId, uint32_t addr, uint16_t port) {
+    return SetUpLink(eal, grpId, false, addr, &port);
 }
 
 // ---- Control rows ----

@@ -629,6 +629,21 @@ int Bind(const CtlEndpoint &c, const sockaddr_un &a) {
     return -1;
 }
 
+// Why an endpoint cannot be opened with these arguments, or null.
+const char *Refusal(const char *path, const QovHostCtlPara *para) {
+    if (path == nullptr || path[0] == '\0') return "no socket path";
+    if (std::strlen(path) >= sizeof(sockaddr_un::sun_path)) return "socket path too long";
+    if (para == nullptr || para->queueList == nullptr || para->queueInfo == nullptr)
+        return "a report function is missing";
+    if (para->queueNum > QOV_HOST_CTL_QUEUES_MAX || (para->queueNames == nullptr && para->queueNum != 0))
+        return "bad list of queue names";
+    for (uint32_t i = 0; para->queueNames != nullptr && i < para->queueNum; ++i) {
+        const char *q = para->queueNames[i];
+        if (q == nullptr || strnlen(q, kQueueNameMax + 1) > kQueueNameMax) return "bad queue name";
+    }
+    return nullptr;
+}
+
 void Free(CtlEndpoint *c) {
     if (c->jobFd >= 0 && c->dataEp >= 0) EpollRemove(c->dataEp, c->jobFd, false);
     for (int fd : {c->listenFd, c->wakeFd, c->jobFd})
@@ -658,35 +673,31 @@ QOV_PLAT_API uint32_t QovHostCtlOpen(void *eal, const char *path, const QovHostC
     qovhost::EalInstance *e = qovhost::LiveEal(eal);
     sockaddr_un a{};
     a.sun_family = AF_UNIX;
-    if (e == nullptr || path == nullptr || para == nullptr || para->queueList == nullptr ||
-        para->queueInfo == nullptr || path[0] == '\0' || std::strlen(path) >= sizeof a.sun_path ||
-        para->queueNum > QOV_HOST_CTL_QUEUES_MAX || (para->queueNames == nullptr && para->queueNum != 0))
+    if (e == nullptr) {
+        KRT_DiagLogWrite("QOV_EAL", "QovHostCtlOpen: unknown instance");
         return 1;
+    }
     auto *c = new qovhost::CtlEndpoint;
     c->eal = e;
+    const char *why = qovhost::Refusal(path, para);
+    std::lock_guard<std::mutex> lk(qovhost::g_ctlMu);
+    if (why == nullptr && e->ctl != nullptr) why = "an endpoint is open already";
+    if (why != nullptr) {
+        qovhost::Log(*c, "not opened: %s", why);
+        delete c;
+        return 1;
+    }
     c->path = path;
     c->list = para->queueList;
     c->info = para->queueInfo;
     c->extra = para->metrics;
     c->ctx = para->ctx;
-    for (uint32_t i = 0; i < para->queueNum; ++i) {
-        const char *q = para->queueNames[i];
-        if (q == nullptr || strnlen(q, qovhost::kQueueNameMax + 1) > qovhost::kQueueNameMax) {
-            delete c;
-            return 1;
-        }
-        c->queues.emplace_back(q);
-    }
+    for (uint32_t i = 0; i < para->queueNum; ++i) c->queues.emplace_back(para->queueNames[i]);
     if (para->queueNames == nullptr) {
         c->queues.push_back(std::string(e->name) + "_DAM");
         c->queues.push_back(std::string(e->name) + "_FES");
     }
     std::memcpy(a.sun_path, path, std::strlen(path));
-    std::lock_guard<std::mutex> lk(qovhost::g_ctlMu);
-    if (e->ctl != nullptr) {
-        delete c;
-        return 1;
-    }
     c->wakeFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     c->jobFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     c->dataEp = e->epFd[QOV_EAL_THREAD_DATA];
@@ -695,8 +706,15 @@ QOV_PLAT_API uint32_t QovHostCtlOpen(void *eal, const char *path, const QovHostC
         c->dataEp = -1;
         ok = false;
     }
-    if (ok) c->listenFd = qovhost::Bind(*c, a);
-    ok = ok && c->listenFd >= 0 && chmod(path, S_IRUSR | S_IWUSR) == 0 && listen(c->listenFd, 16) == 0;
+    if (!ok) qovhost::Log(*c, "not opened: no event descriptor on the Data thread (errno %d)", errno);
+    if (ok) {
+        c->listenFd = qovhost::Bind(*c, a);  // says why it fails
+        ok = c->listenFd >= 0;
+    }
+    if (ok && (chmod(path, S_IRUSR | S_IWUSR) != 0 || listen(c->listenFd, 16) != 0)) {
+        qovhost::Log(*c, "not opened: cannot listen at %s (errno %d)", path, errno);
+        ok = false;
+    }
     if (ok) c->thread = std::thread(qovhost::Serve, c);
     if (!ok) {
         if (c->listenFd >= 0) unlink(path);

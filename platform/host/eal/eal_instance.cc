@@ -126,10 +126,12 @@ QOV_PLAT_API uint32_t QOV_EAL_Start(void *eal) {
         e->threads[k] = std::thread(qovhost::RunLoop, e, k);
     }
     e->started = true;
-    // Every registered channel connects to its broker; sync links that are
-    // set up already start too (later ones start when they are set up).
+    // Every registered channel connects to its broker, in the MB role only:
+    // the broker serves the MB, a standby's channels stay idle. Sync links
+    // that are set up already start too (later ones start when they are set up).
+    const bool mb = QovHostRoleMb() != 0;
     for (qovhost::EalChannel &c : e->chan) {
-        if (!c.registered) continue;
+        if (!c.registered || !mb) continue;
         c.link.addr = c.para.serverAddrFunc != nullptr ? c.para.serverAddrFunc() : htonl(INADDR_LOOPBACK);
         c.link.port = ntohs(c.para.serverPort);
         c.link.configured = true;
@@ -183,6 +185,7 @@ QOV_PLAT_API void QOV_EAL_Destroy(void *eal) {
     qovhost::CloseAll(e);
     for (qovhost::EalChannel &c : e->chan) qovhost::LinkClose(c.link);
     for (qovhost::EalSyncGrp &g : e->syncGrp) qovhost::LinkClose(g.link);
+    qovhost::RecorderFree(*e);
     delete e;
 }
 

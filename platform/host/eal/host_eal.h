@@ -67,6 +67,7 @@ private:
 };
 
 struct EalInstance;
+struct Recorder;  // recorder.cc
 struct CtlEndpoint;
 
 // One TCP connection over loopback that carries frames: a channel to its
@@ -164,6 +165,7 @@ struct EalInstance {
     bool rsvPortSet = false;
     EalChannel chan[kChanNum];
     EalSyncGrp syncGrp[kSyncGrpMax];
+    std::atomic<Recorder *> recorder{nullptr};  // made at the first recording, freed with the instance
     CtlEndpoint *ctl = nullptr;  // the control endpoint, under its own lock
 };
 
@@ -185,6 +187,11 @@ void LinkClose(Link &l);
 uint32_t LinkSend(Link &l, const uint8_t *frame, size_t len);
 uint32_t LinkPress(Link &l, bool press);
 
+// Writes a delivered frame into the instance's recording, if one runs; called
+// once per frame by the delivering thread, before the receive function.
+void RecordFrame(const Link &l, uint32_t msgId, const uint8_t *body, uint32_t len);
+// Ends a recording still running and frees the recorder; threads joined.
+void RecorderFree(EalInstance &e);
 // Closes the instance's control endpoint, if open; before its threads stop.
 void CtlShut(EalInstance &e);
 

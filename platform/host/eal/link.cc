@@ -1,4 +1,4 @@
-// Framed loopback TCP links: a channel's connection to its broker and a sync
+// Framed TCP links: a channel's connection to its broker and a sync
 // group's connection to its peer. Everything but sending and pressing runs
 // on the thread of the serving epoll set: connecting (from a one-shot
 // timer), accepting, reading, delivering and dropping.
@@ -88,6 +88,7 @@ bool Deliver(Link &l) {
     ++l.framesIn;
     Link::Bump(l.bytesIn, QOV_HOST_FRAME_HDR_LEN + static_cast<uint64_t>(l.msgLen));
     std::span<uint8_t> body(l.buf.get() + QOV_HOST_FRAME_HDR_LEN, l.msgLen);
+    RecordFrame(l, l.msgId, body.data(), l.msgLen);
     if (l.kind == Link::Kind::kSync) return DeliverSync(l.eal->syncGrp[l.index], body);
     QovHostIpcMsg msg{body.data(), l.msgId, l.msgLen};
     uint32_t ret = 0;
@@ -170,8 +171,8 @@ void OnConnectTimer(uint64_t arg) {
     a.sin_family = AF_INET;
     a.sin_port = htons(l.port);
     a.sin_addr.s_addr = l.addr;
-    // Loopback connects complete or fail at once; one still in progress is
-    // waited for briefly rather than served, to keep one code path.
+    // Connects on the host's own addresses complete or fail at once; one still
+    // in progress is waited for briefly rather than served, to keep one code path.
     int rc = s < 0 ? -1 : connect(s, reinterpret_cast<sockaddr *>(&a), sizeof a);
     if (rc != 0 && s >= 0 && errno == EINPROGRESS) {
         pollfd p{s, POLLOUT, 0};

@@ -1,6 +1,7 @@
 // Smoothing entry points: each journals the class record it is handed and
 // keeps, per table, how many begins of each bracket kind are still open, so
 // that a test can see a begin without its end (or an end without its begin).
+#include <cstdio>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -25,13 +26,25 @@ Brackets &B() {
     return *b;
 }
 
-// Begin (+1) or end (-1) of a bracket of kind for the table in the record's first word.
+constexpr const char *kKindName[] = {"VRF state", "VRF data", "LR data"};
+
+// Begin (+1) or end (-1) of a bracket of kind for the table in the record's
+// first word. An end that finds no begin open is logged: the table's state
+// between the two cannot be trusted.
 void Bracket(const void *rec, uint32_t kind, int32_t step) {
     if (rec == nullptr) return;
     uint32_t tableId = 0;
     std::memcpy(&tableId, rec, sizeof(tableId));
-    std::lock_guard<std::mutex> lk(B().mu);
-    B().open[{tableId, kind}] += step;
+    int32_t open;
+    {
+        std::lock_guard<std::mutex> lk(B().mu);
+        open = B().open[{tableId, kind}] += step;
+    }
+    if (step < 0 && open < 0) {
+        char text[128];
+        std::snprintf(text, sizeof text, "smoothing %s end without a begin, table %u", kKindName[kind], tableId);
+        KRT_DiagLogWrite("QOV_SMOOTH", text);
+    }
 }
 
 uint32_t Entry(const char *op, void *rec, uint32_t len, std::initializer_list<uint64_t> extra = {}) {
