@@ -41,8 +41,13 @@ typedef struct QovRouteEntry {
     uint32_t seq;    /* how often the broker has sent this key: its value */
     uint32_t sentUs; /* broker's send time, CLOCK_MONOTONIC microseconds mod 2^32 */
 } QovRouteEntry;
+#ifdef __cplusplus /* the tests include it too */
+static_assert(sizeof(QovRouteEntry) == 32, "route entry is 32 bytes");
+static_assert(offsetof(QovRouteEntry, seq) == 24, "seq follows next hop and interface");
+#else
 _Static_assert(sizeof(QovRouteEntry) == 32, "route entry is 32 bytes");
 _Static_assert(offsetof(QovRouteEntry, seq) == 24, "seq follows next hop and interface");
+#endif
 
 /* The last operation sent for a key: none yet, set (add/update) or delete. */
 enum { QOV_WL_NONE = 0, QOV_WL_SET = 1, QOV_WL_DEL = 2 };
