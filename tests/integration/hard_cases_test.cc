@@ -15,7 +15,6 @@
 #include "qov_autosync_orch.h"
 #include "qov_host_api.h"
 #include "qov_host_ctl.h"
-#include "support/kept_alloc.h"
 #include "support/loopback_broker.h"
 #include "support/test_env.h"
 
@@ -150,7 +149,7 @@ protected:
     // A started instance on the Data thread (plus mask) reading channel 0 from
     // broker_; channel 1 points at a port nobody listens on.
     void Start(uint32_t high, uint32_t low, uint32_t mask = 1) {
-        ASOrchCreatePara cp{0, 0, qovtest::KeptAlloc, qovtest::KeptFree, 0};
+        ASOrchCreatePara cp{0, 0, qovtest::TestAlloc, qovtest::TestFree, 0};
         g->hdl = ASOrchCreate("hard", &cp);
         ASSERT_NE(g->hdl, nullptr);
         ASOrchBasePara b{};
@@ -173,7 +172,7 @@ protected:
         QovHostChanSetRecv(ASOrchGetEalHdl(g->hdl), 0, nullptr, nullptr);
         ASOrchDestroy(g->hdl);
         g->hdl = nullptr;
-        EXPECT_EQ(qovtest::FreeKept(), qovtest::kRegistryKept) << "blocks left beyond the registry's";
+        EXPECT_EQ(qovtest::FreeLive(), qovtest::kRegistryKept) << "blocks left beyond the registry's";
     }
     Broker broker_, idle_{false};
 };

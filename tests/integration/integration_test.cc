@@ -11,7 +11,6 @@
 
 #include "qov_autosync_orch.h"
 #include "qov_host_api.h"
-#include "support/kept_alloc.h"
 #include "support/loopback_broker.h"
 #include "support/test_env.h"
 
@@ -85,8 +84,6 @@ int32_t Tid(ASOrchHandle *hdl, uint32_t kind) {
     return QovHostThreadGet(ASOrchGetEalHdl(hdl), kind, &r) == 0 ? r.tid : 0;
 }
 
-using qovtest::FreeKept;
-using qovtest::kRegistryKept;
 
 bool ThreadGone(int32_t tid) { return !std::ifstream("/proc/self/task/" + std::to_string(tid) + "/comm").good(); }
 
@@ -95,7 +92,7 @@ protected:
     // Creates, registers (threads of mask, sync kinds 0 and 1, the DAM and
     // FES channels to port) and starts an instance.
     ASOrchHandle *Start(const char *name, uint32_t mask, uint16_t port) {
-        ASOrchCreatePara cp{0, 0, qovtest::KeptAlloc, qovtest::KeptFree, 0};
+        ASOrchCreatePara cp{0, 0, qovtest::TestAlloc, qovtest::TestFree, 0};
         ASOrchHandle *hdl = ASOrchCreate(name, &cp);
         EXPECT_NE(hdl, nullptr);
         ASOrchBasePara b{};
@@ -122,7 +119,7 @@ protected:
             QovHostSyncSetRecv(ASOrchGetEalHdl(h), 0, nullptr, nullptr);
         }
         for (ASOrchHandle *h : hdls_) ASOrchDestroy(h);
-        EXPECT_EQ(FreeKept(), kRegistryKept * hdls_.size()) << "blocks left beyond the registry's";
+        EXPECT_EQ(qovtest::FreeLive(), qovtest::kRegistryKept * hdls_.size()) << "blocks left beyond the registry's";
         hdls_.clear();
     }
     void SetUp() override {

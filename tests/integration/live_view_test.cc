@@ -21,7 +21,6 @@
 
 #include "qov_autosync_orch.h"
 #include "qov_host_api.h"
-#include "support/kept_alloc.h"
 #include "support/loopback_broker.h"
 #include "support/test_env.h"
 
@@ -158,7 +157,7 @@ protected:
         dir_ = tmpl;
         sock_ = dir_ + "/ctl.sock";
         g_padLines = 0;
-        ASOrchCreatePara cp{0, 0, qovtest::KeptAlloc, qovtest::KeptFree, 0};
+        ASOrchCreatePara cp{0, 0, qovtest::TestAlloc, qovtest::TestFree, 0};
         hdl_ = ASOrchCreate("lvA", &cp);
         ASSERT_NE(hdl_, nullptr);
         eal_ = ASOrchGetEalHdl(hdl_);
@@ -182,7 +181,7 @@ protected:
             EXPECT_FALSE(std::filesystem::exists(sock_)) << "the socket file stayed";
             QovHostChanSetRecv(eal_, 0, nullptr, nullptr);
             ASOrchDestroy(hdl_);
-            EXPECT_EQ(qovtest::FreeKept(), qovtest::kRegistryKept);
+            EXPECT_EQ(qovtest::FreeLive(), qovtest::kRegistryKept);
         }
         std::filesystem::remove_all(dir_);
         HostTest::TearDown();
