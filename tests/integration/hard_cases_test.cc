@@ -16,6 +16,7 @@
 #include "qov_host_api.h"
 #include "qov_host_ctl.h"
 #include "support/loopback_broker.h"
+#include "support/reg_env.h"
 #include "support/test_env.h"
 
 namespace {
@@ -92,10 +93,6 @@ uint32_t Handler(ASOrchHandle *hdl, ASOrchMergeMsgVec *v) {
     if (key == kLast) g->report = DamReport(), g->lastSeen = true;
     return 0;
 }
-uint32_t Hash(const void *key) {
-    const auto *v = static_cast<const ASOrchMergeMsgVec *>(key);
-    return ASOrchMergeHashFunc(v->usrData, 0, v);
-}
 ASOrchMergeMsgDispatch g_tbl[] = {{kMsgId, {Handler, Handler, Handler, Handler}}};
 ASOrchRecvTblMsg g_recv[] = {{kMsgId, kSet, 0, nullptr, nullptr, kEntry, AS_ORCH_MERGE_DAM, nullptr, 0, 4},
                              {kMsgId, kDel, 0, nullptr, nullptr, kEntry, AS_ORCH_MERGE_DAM, nullptr, 1, 4},
@@ -157,8 +154,8 @@ protected:
         b.syncGrpMsgSet[0] = 0x10;
         b.chan[0].realServerPort = broker_.port;
         b.chan[1].realServerPort = idle_.port;
-        b.damMerge = {g_tbl, 1, 4096, Hash, high, low};
-        b.fesMerge = {g_tbl, 1, 64, Hash, 0, 0};
+        b.damMerge = {g_tbl, 1, 4096, qovtest::MergeHash<0>, high, low};
+        b.fesMerge = {g_tbl, 1, 64, qovtest::MergeHash<0>, 0, 0};
         b.recvTblMsgList[0] = {g_recv, 3};
         ASSERT_EQ(ASOrchRegBase(g->hdl, &b), 0u);
         ASSERT_EQ(QovHostChanSetRecv(ASOrchGetEalHdl(g->hdl), 0, OnFrame, g->hdl), 0u);

@@ -12,6 +12,7 @@
 #include "qov_autosync_orch.h"
 #include "qov_host_api.h"
 #include "support/loopback_broker.h"
+#include "support/reg_env.h"
 #include "support/test_env.h"
 
 namespace {
@@ -42,10 +43,6 @@ uint32_t Handler(ASOrchHandle *hdl, ASOrchMergeMsgVec *v) {
     return 0;
 }
 
-uint32_t Hash(const void *key) {
-    const auto *v = static_cast<const ASOrchMergeMsgVec *>(key);
-    return ASOrchMergeHashFunc(v->usrData, 0, v);
-}
 
 ASOrchMergeMsgDispatch g_tbl[] = {{kMsgId, {Handler, Handler, Handler, Handler}}};
 
@@ -101,8 +98,8 @@ protected:
         b.syncGrpMsgSet[1] = 0x20;
         b.chan[0].realServerPort = port;
         b.chan[1].realServerPort = port;
-        b.damMerge = {g_tbl, 1, 64, Hash, 0, 0};
-        b.fesMerge = {g_tbl, 1, 64, Hash, 0, 0};
+        b.damMerge = {g_tbl, 1, 64, qovtest::MergeHash<0>, 0, 0};
+        b.fesMerge = {g_tbl, 1, 64, qovtest::MergeHash<0>, 0, 0};
         b.recvTblMsgList[0] = {g_recv, 1};
         EXPECT_EQ(ASOrchRegBase(hdl, &b), 0u);
         for (uint32_t c = 0; c < 2; ++c) EXPECT_EQ(QovHostChanSetRecv(ASOrchGetEalHdl(hdl), c, OnFrame, hdl), 0u);

@@ -7,10 +7,6 @@ namespace qovtest {
 namespace {
 
 uint32_t Handler(ASOrchHandle *, ASOrchMergeMsgVec *v) { return v->key != nullptr && v->key[0] == '!' ? 1 : 0; }
-uint32_t Hash(const void *key) {
-    const auto *v = static_cast<const ASOrchMergeMsgVec *>(key);
-    return ASOrchMergeHashFunc(v->usrData, 0, v);
-}
 ASOrchMergeMsgDispatch g_tbl[] = {{100, {Handler, Handler, Handler, Handler}}};
 constexpr uint32_t kRecvMsgId = 0x500, kTableId = 7;
 ASOrchRecvTblMsg g_recv[] = {{100, kRecvMsgId, 0, nullptr, nullptr, 8, 0, nullptr, 0, 4}};
@@ -50,8 +46,8 @@ ASOrchBasePara ValidBase() {
     b.chan[0] = {0x1234, 0xAB};
     b.recvTblMsgList[1] = {g_recv, 1};
     b.transTblMsgList[1] = {g_trans, 1};
-    b.damMerge = {g_tbl, 1, 64, Hash, 0, 0};
-    b.fesMerge = {g_tbl, 1, 0, Hash, 0, 0};
+    b.damMerge = {g_tbl, 1, 64, MergeHash<0>, 0, 0};
+    b.fesMerge = {g_tbl, 1, 0, MergeHash<0>, 0, 0};
     return b;
 }
 

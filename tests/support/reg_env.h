@@ -12,6 +12,13 @@
 
 namespace qovtest {
 
+// The merge layer's bucket function on path Path, as a queue's hash function.
+template <uint32_t Path>
+uint32_t MergeHash(const void *key) {
+    const auto *v = static_cast<const ASOrchMergeMsgVec *>(key);
+    return ASOrchMergeHashFunc(v->usrData, Path, v);
+}
+
 // Data thread, sync kind 0 (message set 0x10), the DAM channel on port
 // 0x1234, one receive and one FES transfer descriptor, both merge paths with
 // handlers for msgId 100 that refuse an entry whose first byte is '!'.
