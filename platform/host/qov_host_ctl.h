@@ -22,8 +22,13 @@ typedef struct QovHostLogLine {
     char text[512];
 } QovHostLogLine;
 
-/* Echo each line to stderr (default on). */
+/* Echo each line to stderr (default on). The echo is written in blocks of up
+ * to 16 KiB, at the latest 100 ms after a line, and at exit; a run of
+ * identical lines is written once, then "last message repeated N times".
+ * A crash loses at most the last block. */
 QOV_PLAT_API void QovHostLogEcho(int toStderr);
+/* Writes what the echo holds now. */
+QOV_PLAT_API void QovHostLogFlush(void);
 /* Keep lines in memory, up to 65 536 (default off: a process that never
  * reads them back keeps none). */
 QOV_PLAT_API void QovHostLogCapture(int on);

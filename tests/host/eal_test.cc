@@ -268,6 +268,61 @@ TEST_F(EalTest, BackPressStopsTheBrokerAndReleaseDrainsIt) {
     EXPECT_EQ(b.Flood(f, f.size()), f.size()) << "the broker's buffers drained";
 }
 
+// Ten frames arrive in one read; the receive function presses its own
+// channel at frame `at`. Broken by: delivering buffered frames while pressed,
+// or leaving them in the buffer after the release when the socket has
+// nothing new to wake the loop.
+struct PressCase {
+    const char *name;
+    uint32_t at;
+};
+
+void PrintTo(const PressCase &c, std::ostream *os) { *os << c.name; }
+
+class EalPressInside : public EalTest, public ::testing::WithParamInterface<PressCase> {
+protected:
+    static uint32_t PressingRecv(void *ctx, QovHostIpcMsg *m) {
+        auto *t = static_cast<EalPressInside *>(ctx);
+        Sink::Chan(&t->sink_, m);
+        if (t->sink_.n == t->GetParam().at) {
+            EXPECT_EQ(QOV_CHAN_BackPress(t->ch_), 0u);
+        }
+        return 0;
+    }
+    void *ch_ = nullptr;
+};
+
+TEST_P(EalPressInside, NoBufferedFrameWhilePressedAllAfterRelease) {
+    constexpr uint32_t kFrames = 10;
+    Broker b;
+    void *e = Make("pi", 1);
+    AddChan(e, 0, 0, b.port);
+    ch_ = QOV_EAL_GetChannelHdl(e, 0);
+    ASSERT_EQ(QovHostChanSetRecv(e, 0, PressingRecv, this), 0u);
+    ASSERT_EQ(QOV_EAL_Start(e), 0u);
+    ASSERT_TRUE(b.Accept());
+    std::vector<uint8_t> all;
+    for (uint32_t i = 0; i < kFrames; ++i) {
+        auto f = Frame(0x200 + i, 100 + i, static_cast<uint8_t>(i));
+        all.insert(all.end(), f.begin(), f.end());
+    }
+    b.Send(all);
+    ASSERT_TRUE(WaitFor([&] { return sink_.n == GetParam().at; }));
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(sink_.n, GetParam().at) << "frames delivered while pressed";
+    ASSERT_EQ(QOV_CHAN_UnBackPress(ch_), 0u);
+    ASSERT_TRUE(WaitFor([&] { return sink_.n == kFrames; })) << sink_.n << " of " << kFrames;
+    std::lock_guard<std::mutex> lk(sink_.mu);
+    for (uint32_t i = 0; i < kFrames; ++i) {
+        EXPECT_EQ(sink_.got[i].msgId, 0x200 + i);
+        EXPECT_EQ(sink_.got[i].body, std::vector<uint8_t>(100 + i, static_cast<uint8_t>(i)));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(At, EalPressInside,
+                         ::testing::Values(PressCase{"First", 1}, PressCase{"Middle", 5}, PressCase{"Last", 10}),
+                         qovtest::RowName());
+
 // ---- Reconnection ----
 enum class Fault { kLateBroker, kBrokerDrops, kOversize, kGarbage };
 struct ReconnectCase {

@@ -19,13 +19,16 @@
  * A frame whose msgLen is over the host's frame bound (QOV_HOST_FRAME_MAX_DEFAULT
  * unless changed through the control header), or whose magic is wrong, is
  * dropped with a log line and the connection is closed and made again: the
- * stream cannot be trusted past it. The body buffer holds at most one frame
- * bound, so nothing a peer sends makes the host allocate more.
+ * stream cannot be trusted past it. The host reads into a buffer of one frame
+ * bound plus 64 KiB, as much as the socket has, and hands every complete
+ * frame to the receive function in place; nothing a peer sends makes it
+ * allocate more.
  * QOV_CHAN_USendMsg sends one frame towards the broker: its msgId is the
  * call's flags argument (0 from the library), its body the buffer.
  *
  * Back-pressure: QOV_CHAN_BackPress stops reading the socket (the frame being
- * delivered finishes; no further frame is read), so the kernel's buffers
+ * delivered finishes; no further frame is delivered, whether already read or
+ * not, until the release), so the kernel's buffers
  * fill and TCP flow control stops the broker, whose non-blocking sends then
  * fail with EAGAIN. QOV_CHAN_UnBackPress resumes reading. Pressing is a state,
  * not a count, as for the merge queue: pressing twice and releasing once

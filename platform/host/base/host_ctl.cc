@@ -1,10 +1,15 @@
 // Log capture, call journal, failure on demand and process identity of the
 // host platform.
+#include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "host_internal.h"
@@ -33,6 +38,115 @@ State &S() {
 }
 
 constexpr size_t kMaxLogLines = 1u << 16;  // about 35 MB at most: a long run keeps its first lines
+
+// The echo of the log to stderr, written in blocks rather than one write per
+// line: a block goes out when the next line would not fit, kLogFlushMs after
+// its first line (a thread of its own waits for that), when echo is turned
+// off, on QovHostLogFlush and at exit. A run of identical lines is written
+// once, then "last message repeated N times", as syslog does, so a flood's
+// per-batch line costs neither a system call nor disk. A crash loses what is
+// buffered: at most one block (kLogBlock bytes), the lines of the last
+// kLogFlushMs, and the count of a run not yet closed.
+constexpr size_t kLogBlock = size_t{16} * 1024;
+constexpr auto kLogFlushMs = std::chrono::milliseconds(100);
+constexpr size_t kLineMax = sizeof(QovHostLogLine::module) + sizeof(QovHostLogLine::text) + 4;
+
+class LogWriter {
+public:
+    // NOLINTNEXTLINE(bugprone-easily-swappable-parameters): in the order KRT_DiagLogWrite takes them
+    void Line(const char *module, const char *text) {
+        // "[module] text\n", each part cut to the captured line's fields.
+        char line[kLineMax];
+        size_t len = 0;
+        auto put = [&](const char *part, size_t max) {
+            size_t n = strnlen(part, max);
+            std::memcpy(line + len, part, n);
+            len += n;
+        };
+        put("[", 1);
+        put(module != nullptr ? module : "", sizeof(QovHostLogLine::module) - 1);
+        put("] ", 2);
+        put(text, sizeof(QovHostLogLine::text) - 1);
+        put("\n", 1);
+        std::lock_guard<std::mutex> lk(mu_);
+        if (len == lastLen_ && std::memcmp(line, last_, len) == 0) {
+            ++repeats_;
+        } else {
+            CloseRunLocked();
+            AppendLocked(line, len);
+            std::memcpy(last_, line, len);
+            lastLen_ = len;
+        }
+        if (!timerWaiting_) {
+            timerWaiting_ = true;
+            StartTimerLocked();
+            wake_.notify_one();
+        }
+    }
+    void Flush() {
+        std::lock_guard<std::mutex> lk(mu_);
+        FlushLocked();
+    }
+
+private:
+    void AppendLocked(const char *s, size_t n) {
+        if (kLogBlock - used_ < n) WriteLocked();
+        std::memcpy(buf_ + used_, s, n);
+        used_ += n;
+    }
+    // The run of repeats ends: its count is written (identical lines after
+    // it start a new run).
+    void CloseRunLocked() {
+        if (repeats_ == 0) return;
+        char note[64];
+        int n = std::snprintf(note, sizeof note, "last message repeated %u times\n", repeats_);
+        repeats_ = 0;
+        if (n > 0) AppendLocked(note, static_cast<size_t>(n));
+    }
+    void WriteLocked() {
+        if (used_ != 0) std::fwrite(buf_, 1, used_, stderr);
+        std::fflush(stderr);
+        used_ = 0;
+    }
+    void FlushLocked() {
+        CloseRunLocked();
+        WriteLocked();
+        timerWaiting_ = false;
+    }
+    // One thread, made at the first line, that flushes kLogFlushMs after a
+    // line arrives in an empty buffer; it sleeps while nothing is buffered.
+    void StartTimerLocked() {
+        if (timer_) return;
+        timer_ = true;
+        std::atexit([] { Writer().Flush(); });
+        std::thread([this] {
+            std::unique_lock<std::mutex> lk(mu_);
+            for (;;) {
+                wake_.wait(lk, [this] { return timerWaiting_; });
+                wake_.wait_for(lk, kLogFlushMs, [this] { return !timerWaiting_; });
+                if (timerWaiting_) FlushLocked();
+            }
+        }).detach();
+    }
+
+public:
+    // Never destroyed: host threads may still log while the process exits.
+    static LogWriter &Writer() {
+        static LogWriter *w = new LogWriter;
+        return *w;
+    }
+
+private:
+    std::mutex mu_;
+    std::condition_variable wake_;
+    bool timer_ = false;
+    bool timerWaiting_ = false;  // lines wait for the timer's flush
+    char buf_[kLogBlock];
+    size_t used_ = 0;
+    char last_[kLineMax];
+    size_t lastLen_ = 0;
+    uint32_t repeats_ = 0;
+};
 constexpr size_t kMaxJournal = 1u << 16;
 
 std::atomic<bool> g_echo{true};
@@ -68,8 +182,7 @@ extern "C" {
 
 QOV_PLAT_API void KRT_DiagLogWrite(const char *module, const char *text) {
     if (text == nullptr) return;
-    if (g_echo.load(std::memory_order_relaxed))
-        std::fprintf(stderr, "[%s] %s\n", module != nullptr ? module : "", text);
+    if (g_echo.load(std::memory_order_relaxed)) LogWriter::Writer().Line(module, text);
     if (!g_capture.load(std::memory_order_relaxed)) return;
     QovHostLogLine line;
     CopyStr(line.module, module);
@@ -78,7 +191,12 @@ QOV_PLAT_API void KRT_DiagLogWrite(const char *module, const char *text) {
     if (S().logs.size() < kMaxLogLines) S().logs.push_back(line);
 }
 
-QOV_PLAT_API void QovHostLogEcho(int toStderr) { g_echo = toStderr != 0; }
+QOV_PLAT_API void QovHostLogEcho(int toStderr) {
+    if (toStderr == 0) LogWriter::Writer().Flush();
+    g_echo = toStderr != 0;
+}
+
+QOV_PLAT_API void QovHostLogFlush(void) { LogWriter::Writer().Flush(); }
 QOV_PLAT_API void QovHostLogCapture(int on) { g_capture = on != 0; }
 
 QOV_PLAT_API uint32_t QovHostLogCount(void) {

@@ -21,6 +21,18 @@
 // a free list, so a new element costs at most one allocation and usually
 // none.
 //
+// Sizing: the caller's bucket count is its bound. The slot array is made for
+// that many elements at creation; slabs hold 1/32 of it each, so the
+// capacity beyond what is used stays below one slab. When the last element
+// is released, slabs (and slots grown beyond the first array) go back to the
+// system down to what the last two fills needed (the larger of the previous
+// fill's peak and a quarter of this one's, one slab at least), so a load that
+// fills and drains the same way again does not allocate again.
+//
+// An element knows its hash: a removal or count by a key that lies inside a
+// linked element (the merge queue passes the entry's own key) needs no hash
+// call, and the slot is found by the element's address from its home slot.
+//
 // The table's lock (TableLock below) costs its usual thread no atomic
 // read-modify-write; any other thread takes a slow path kept out of line.
 #include <sched.h>
@@ -28,6 +40,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdlib>
@@ -52,15 +65,11 @@ struct Slot {
 };
 static_assert(offsetof(Slot, node) == 0 && sizeof(Slot) == 16, "four slots to a cache line");
 
-struct Slab {
-    Slab *next;
-};
-
 constexpr size_t kLine = 64;
-constexpr size_t kSlabHdr = kLine;  // elements start on a cache line
-constexpr uint32_t kFirstSlabElems = 16;
-constexpr uint32_t kFirstSlots = 16;
-constexpr size_t kMaxSlabBytes = size_t{8} << 20;
+constexpr uint32_t kMinSlabElems = 16;
+constexpr uint32_t kMaxSlabElems = 16384;
+constexpr uint32_t kMinSlots = 16;
+constexpr uint32_t kMaxFirstSlots = uint32_t{1} << 20;
 
 // A block of at least size bytes, cache-line aligned. Huge pages are not
 // asked for: on this kind of virtual machine they made the 64 k-key merge
@@ -245,10 +254,19 @@ struct LITE_HASH {
     uint32_t stride;     // header + element, see StrideFor
     uint32_t elemSize;
     uint32_t carveLeft;
-    uint32_t nextSlabElems;
+    uint32_t slabElems;  // elements per slab
+    uint32_t firstSlots; // the slot array made at creation
     void *freeList;      // released elements, linked through their first word
-    Slab *slabs;
-    uint8_t *carve;      // next unused element header of the newest slab
+    uint8_t *carve;      // next unused element header of the slab being carved
+    void *lastAdded;     // the element linked last, for a count by its key
+    uint8_t **slabs;     // every slab, in address order
+    uint32_t slabNum;
+    uint32_t slabCap;
+    uint8_t **fresh;     // slabs kept at a trim, not carved since
+    uint32_t freshNum;
+    uint32_t live;       // elements taken and not released
+    uint32_t peak;       // most elements live since the table was last empty
+    uint32_t prevPeak;   // the same for the fill before
 };
 
 namespace {
@@ -369,37 +387,104 @@ __attribute__((noinline)) void *FindAgainAfter(const LITE_HASH_S *h, void *elem)
     return NextCandidate(h, (static_cast<uint32_t>(s - h->slots) + 1) & h->mask, HdrOf(elem)->hash)->node.data;
 }
 
-bool GrowSlab(LITE_HASH_S *h) {
-    uint32_t n = h->nextSlabElems;
-    size_t bytes = kSlabHdr + static_cast<size_t>(n) * h->stride;
-    auto *slab = static_cast<Slab *>(BlockAlloc(bytes));
-    if (slab == nullptr) return false;
-    slab->next = h->slabs;
-    h->slabs = slab;
-    h->carve = reinterpret_cast<uint8_t *>(slab) + kSlabHdr;
-    h->carveLeft = n;
-    if (kSlabHdr + uint64_t{n} * 2 * h->stride <= kMaxSlabBytes) h->nextSlabElems = n * 2;
+size_t SlabBytes(const LITE_HASH_S *h) { return static_cast<size_t>(h->slabElems) * h->stride; }
+
+// The slab index at which a slab at address a stands or would stand.
+uint32_t SlabPos(const LITE_HASH_S *h, uintptr_t a) {
+    uint32_t lo = 0, hi = h->slabNum;
+    while (lo < hi) {
+        uint32_t mid = (lo + hi) / 2;
+        if (reinterpret_cast<uintptr_t>(h->slabs[mid]) < a) lo = mid + 1;
+        else hi = mid;
+    }
+    return lo;
+}
+
+// Carving goes on in a kept slab, or in a new one.
+bool NextSlab(LITE_HASH_S *h) {
+    if (h->freshNum != 0) {
+        h->carve = h->fresh[--h->freshNum];
+    } else {
+        if (h->slabNum == h->slabCap) {
+            uint32_t cap = h->slabCap == 0 ? 8 : h->slabCap * 2;
+            auto *more = static_cast<uint8_t **>(std::realloc(h->slabs, size_t{cap} * sizeof(uint8_t *)));
+            auto *fresh = static_cast<uint8_t **>(std::realloc(h->fresh, size_t{cap} * sizeof(uint8_t *)));
+            if (more != nullptr) h->slabs = more;
+            if (fresh != nullptr) h->fresh = fresh;
+            if (more == nullptr || fresh == nullptr) return false;
+            h->slabCap = cap;
+        }
+        auto *slab = static_cast<uint8_t *>(BlockAlloc(SlabBytes(h)));
+        if (slab == nullptr) return false;
+        uint32_t at = SlabPos(h, reinterpret_cast<uintptr_t>(slab));
+        std::memmove(h->slabs + at + 1, h->slabs + at, (h->slabNum - at) * sizeof(uint8_t *));
+        h->slabs[at] = slab;
+        h->slabNum++;
+        h->carve = slab;
+    }
+    h->carveLeft = h->slabElems;
     return true;
 }
 
-// A released element, or a fresh one from the newest slab. The slot array is
+// A released element, or a fresh one from a slab. The slot array is
 // doubled here, ahead of the add that would need it, whenever this call does
 // not take a slab already, so that an append allocates at most once.
 void *TakeElem(LITE_HASH_S *h) {
-    if (void *e = h->freeList; e != nullptr) {
+    void *e = h->freeList;
+    if (e != nullptr) {
         std::memcpy(&h->freeList, e, sizeof(void *));
         if (static_cast<uint32_t>(h->count) + 1 >= h->growAt) (void)Grow(h);
-        return e;
+    } else {
+        if (h->carveLeft == 0) {
+            if (!NextSlab(h)) return nullptr;
+        } else if (static_cast<uint32_t>(h->count) + 1 >= h->growAt) {
+            (void)Grow(h);
+        }
+        e = h->carve + sizeof(ElemHdr);
+        h->carve += h->stride;
+        h->carveLeft--;
     }
-    if (h->carveLeft == 0) {
-        if (!GrowSlab(h)) return nullptr;
-    } else if (static_cast<uint32_t>(h->count) + 1 >= h->growAt) {
-        (void)Grow(h);
-    }
-    void *e = h->carve + sizeof(ElemHdr);
-    h->carve += h->stride;
-    h->carveLeft--;
+    if (++h->live > h->peak) h->peak = h->live;
     return e;
+}
+
+// The linked element whose bytes hold key, or null: a key inside a slab
+// belongs to the element whose stride it falls in.
+void *ElemHolding(const LITE_HASH_S *h, const void *key) {
+    auto a = reinterpret_cast<uintptr_t>(key);
+    uint32_t at = SlabPos(h, a + 1);  // the first slab above a
+    if (at == 0) return nullptr;
+    auto base = reinterpret_cast<uintptr_t>(h->slabs[at - 1]);
+    if (a - base >= SlabBytes(h)) return nullptr;
+    uintptr_t elem = base + (a - base) / h->stride * h->stride + sizeof(ElemHdr);
+    if (a < elem || a - elem >= h->elemSize) return nullptr;
+    void *e = reinterpret_cast<void *>(elem);  // NOLINT(performance-no-int-to-ptr)
+    return HdrOf(e)->bucket1 != 0 ? e : nullptr;
+}
+
+// The table is empty: slabs beyond what the last two fills needed go back
+// (the free list and carving start afresh in the slabs kept), and so does a
+// slot array grown beyond the first.
+void Trim(LITE_HASH_S *h) {
+    uint32_t need = std::max({h->prevPeak, h->peak / 4, h->slabElems});
+    h->prevPeak = h->peak;
+    h->peak = 0;
+    uint32_t keep = (need + h->slabElems - 1) / h->slabElems;
+    if (keep >= h->slabNum && h->mask + 1 <= h->firstSlots) return;
+    for (uint32_t i = keep; i < h->slabNum; ++i) BlockFree(h->slabs[i]);
+    h->slabNum = std::min(keep, h->slabNum);
+    for (uint32_t i = 0; i < h->slabNum; ++i) h->fresh[i] = h->slabs[i];
+    h->freshNum = h->slabNum;
+    h->freeList = nullptr;
+    h->carveLeft = 0;
+    h->lastAdded = nullptr;
+    if (h->mask + 1 > h->firstSlots) {
+        auto *slots = static_cast<Slot *>(BlockZalloc(size_t{h->firstSlots} * sizeof(Slot)));
+        if (slots != nullptr) {
+            BlockFree(h->slots);
+            SetCapacity(h, slots, h->firstSlots);
+        }
+    }
 }
 
 }  // namespace
@@ -416,8 +501,11 @@ QOV_PLAT_API LITE_HASH_S *LITE_HASH_CreateWithLock(uint32_t memPtNo, uint16_t el
     if (qovhost::Fail("LITE_HASH_CreateWithLock", &r)) return nullptr;
     if (bucketNum == 0 || hashFunc == nullptr || cmpFunc == nullptr) return nullptr;
     size_t cntBytes = size_t{bucketNum} * sizeof(uint32_t);
+    // Slots for bucketNum elements below the growth mark.
+    uint32_t firstSlots = kMinSlots;
+    while (firstSlots < kMaxFirstSlots && firstSlots / 8 * 5 <= bucketNum) firstSlots *= 2;
     auto *counts = static_cast<uint32_t *>(BlockZalloc(cntBytes));
-    auto *slots = static_cast<Slot *>(BlockZalloc(kFirstSlots * sizeof(Slot)));
+    auto *slots = static_cast<Slot *>(BlockZalloc(size_t{firstSlots} * sizeof(Slot)));
     auto *h = new (std::nothrow) LITE_HASH;
     if (counts == nullptr || slots == nullptr || h == nullptr) {
         if (counts != nullptr) BlockFree(counts);
@@ -425,7 +513,8 @@ QOV_PLAT_API LITE_HASH_S *LITE_HASH_CreateWithLock(uint32_t memPtNo, uint16_t el
         delete h;
         return nullptr;
     }
-    SetCapacity(h, slots, kFirstSlots);
+    SetCapacity(h, slots, firstSlots);
+    h->firstSlots = firstSlots;
     h->count = 0;
     h->bucketCnt = counts;
     h->bucketNum = bucketNum;
@@ -437,10 +526,13 @@ QOV_PLAT_API LITE_HASH_S *LITE_HASH_CreateWithLock(uint32_t memPtNo, uint16_t el
     h->hashFunc = hashFunc;
     h->cmpFunc = cmpFunc;
     h->freeList = nullptr;
-    h->slabs = nullptr;
     h->carve = nullptr;
     h->carveLeft = 0;
-    h->nextSlabElems = kFirstSlabElems;
+    h->slabElems = std::clamp(bucketNum / 32, kMinSlabElems, kMaxSlabElems);
+    h->lastAdded = nullptr;
+    h->slabs = h->fresh = nullptr;
+    h->slabNum = h->slabCap = h->freshNum = 0;
+    h->live = h->peak = h->prevPeak = 0;
     return h;
 }
 
@@ -448,10 +540,9 @@ QOV_PLAT_API LITE_HASH_S *LITE_HASH_CreateWithLock(uint32_t memPtNo, uint16_t el
 QOV_PLAT_API void LITE_HASH_DeleteHash(LITE_HASH_S **hash) {
     if (hash == nullptr || *hash == nullptr) return;
     LITE_HASH_S *h = *hash;
-    for (Slab *s = h->slabs, *next; s != nullptr; s = next) {
-        next = s->next;
-        BlockFree(s);
-    }
+    for (uint32_t i = 0; i < h->slabNum; ++i) BlockFree(h->slabs[i]);
+    std::free(h->slabs);
+    std::free(h->fresh);
     BlockFree(h->slots);
     BlockFree(h->bucketCnt);
     delete h;
@@ -480,6 +571,8 @@ QOV_PLAT_API void LITE_HASH_FreeData(LITE_HASH_S *hash, void *element) {
         }
         std::memcpy(element, &hash->freeList, sizeof(void *));
         hash->freeList = element;
+        if (element == hash->lastAdded) hash->lastAdded = nullptr;
+        if (--hash->live == 0) Trim(hash);
         return 0;
     });
 }
@@ -506,6 +599,7 @@ QOV_PLAT_API uint32_t LITE_HASH_AddNode(LITE_HASH_S *hash, const void *key, void
         Place(hash->slots, hash->mask, HomeOf(hash, hv), hdr->node.data, hv);
         hash->bucketCnt[bucket]++;
         hash->count++;
+        hash->lastAdded = hdr->node.data;
         return 0;
     });
 }
@@ -520,8 +614,13 @@ QOV_PLAT_API void *LITE_HASH_RemoveNodeByKey(LITE_HASH_S *hash, const void *key)
     int64_t r;
     if (qovhost::Fail("LITE_HASH_RemoveNodeByKey", &r)) return nullptr;
     if (hash == nullptr || key == nullptr) return nullptr;
+    // Equal elements have no order of their own in this table, so the one
+    // that holds the key, when it equals the key, is the first.
     return WithLock(hash->lock, true, [hash, key]() -> void * {
-        Slot *s = FindSlot(hash, hash->hashFunc(key), key);
+        Slot *s = nullptr;
+        if (void *own = ElemHolding(hash, key); own != nullptr && hash->cmpFunc(own, key) != 0)
+            s = SlotOfElem(hash, own);
+        if (s == nullptr) s = FindSlot(hash, hash->hashFunc(key), key);
         if (s == nullptr) return nullptr;
         void *e = s->node.data;
         Vacate(hash, static_cast<uint32_t>(s - hash->slots));
@@ -529,10 +628,18 @@ QOV_PLAT_API void *LITE_HASH_RemoveNodeByKey(LITE_HASH_S *hash, const void *key)
     });
 }
 
+// Keys that compare equal hash alike, so a linked element equal to the key
+// (the one holding it, or the one linked last) tells the bucket without a
+// hash call.
 QOV_PLAT_API int32_t LITE_HASH_GetListCntByKey(LITE_HASH_S *hash, const void *key) {
     if (hash == nullptr || key == nullptr) return 0;
-    uint32_t hv = hash->hashFunc(key);
-    return WithLock(hash->lock, false, [hash, hv] { return static_cast<int32_t>(hash->bucketCnt[BucketOf(hash, hv)]); });
+    return WithLock(hash->lock, false, [hash, key] {
+        void *e = ElemHolding(hash, key);
+        if (e == nullptr && hash->lastAdded != nullptr && HdrOf(hash->lastAdded)->bucket1 != 0) e = hash->lastAdded;
+        uint32_t bucket = e != nullptr && hash->cmpFunc(e, key) != 0 ? HdrOf(e)->bucket1 - 1
+                                                                     : BucketOf(hash, hash->hashFunc(key));
+        return static_cast<int32_t>(hash->bucketCnt[bucket]);
+    });
 }
 
 QOV_PLAT_API int32_t LITE_HASH_GetHashCnt(LITE_HASH_S *hash) {

@@ -93,12 +93,14 @@ struct Link {
     std::atomic<bool> pressed{false};
     std::atomic<uint32_t> state{QOV_HOST_LINK_IDLE};
 
-    // The frame being read (serving thread only).
+    // What was read and not yet delivered (serving thread only): frames are
+    // handed over in place from buf[off, have); room for one whole frame
+    // behind off is kept, so any frame fits.
     std::unique_ptr<uint8_t[]> buf;
-    uint32_t bufMax = 0;      // body bound of buf
-    uint32_t have = 0;        // bytes of the current frame read
-    uint32_t msgId = 0;
-    uint32_t msgLen = 0;
+    uint32_t bufMax = 0;      // body bound of a frame
+    uint32_t bufCap = 0;      // bytes of buf
+    uint32_t off = 0;         // first byte not delivered
+    uint32_t have = 0;        // bytes read into buf
 
     std::atomic<uint32_t> connects{0};
     std::atomic<uint64_t> framesIn{0};

@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <span>
 
 #include "eal_internal.h"
@@ -24,7 +25,8 @@ namespace qovhost {
 namespace {
 
 constexpr uint32_t kBackoffMinMs = 10;
-constexpr uint32_t kFramesPerTurn = 64;  // then the loop serves the others
+// Read room beyond one whole frame: one read takes up to this much more.
+constexpr uint32_t kReadAhead = 64u * 1024u;
 
 void Log(const Link &l, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
 void Log(const Link &l, const char *fmt, ...) {
@@ -59,7 +61,7 @@ void Drop(Link &l) {
         EpollRemove(l.epFd, fd, false);
         close(fd);
     }
-    l.have = 0;
+    l.off = l.have = 0;
     l.state = QOV_HOST_LINK_WAIT;
     if (!l.listener) ArmTimer(l, l.backoffMs);
 }
@@ -83,68 +85,86 @@ bool DeliverSync(EalSyncGrp &g, std::span<uint8_t> body) {
     return true;
 }
 
-// Hands the complete frame in l.buf to the receive function of its owner.
-bool Deliver(Link &l) {
+// Hands one frame, in place, to the receive function of its owner.
+bool Deliver(Link &l, uint32_t msgId, std::span<uint8_t> body) {
     ++l.framesIn;
-    Link::Bump(l.bytesIn, QOV_HOST_FRAME_HDR_LEN + static_cast<uint64_t>(l.msgLen));
-    std::span<uint8_t> body(l.buf.get() + QOV_HOST_FRAME_HDR_LEN, l.msgLen);
-    RecordFrame(l, l.msgId, body.data(), l.msgLen);
+    Link::Bump(l.bytesIn, QOV_HOST_FRAME_HDR_LEN + static_cast<uint64_t>(body.size()));
+    RecordFrame(l, msgId, body.data(), static_cast<uint32_t>(body.size()));
     if (l.kind == Link::Kind::kSync) return DeliverSync(l.eal->syncGrp[l.index], body);
-    QovHostIpcMsg msg{body.data(), l.msgId, l.msgLen};
+    QovHostIpcMsg msg{body.data(), msgId, static_cast<uint32_t>(body.size())};
     uint32_t ret = 0;
     if (!l.eal->chan[l.index].recv.Call(&ret, &msg)) Link::Bump(l.unclaimed, 1);
     else if (ret != 0) ++l.framesRefused;
     return true;
 }
 
-uint32_t OnReadable(int32_t fd, uint32_t, void *usrData) {
-    Link &l = *static_cast<Link *>(usrData);
-    for (uint32_t n = 0; n < kFramesPerTurn && !l.pressed.load(std::memory_order_acquire);) {
-        uint32_t want = l.have < QOV_HOST_FRAME_HDR_LEN ? QOV_HOST_FRAME_HDR_LEN - l.have
-                                                        : QOV_HOST_FRAME_HDR_LEN + l.msgLen - l.have;
-        ssize_t r = read(fd, l.buf.get() + l.have, want);
-        if (r < 0 && errno == EINTR) continue;
-        if (r < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return 0;
-        if (r <= 0) {
-            Log(l, r == 0 ? "connection closed by the peer" : "connection failed (errno %d)", errno);
-            Drop(l);
-            return 0;
-        }
-        l.have += static_cast<uint32_t>(r);
-        if (l.have == QOV_HOST_FRAME_HDR_LEN) {
-            int bad = QovHostFrameHdrDecode(l.buf.get(), l.bufMax, &l.msgId, &l.msgLen);
-            if (bad != 0) {
-                ++l.framesBad;
-                Link::Bump(bad == 1 ? l.badMagic : l.overBound, 1);
-                if (bad == 1) Log(l, "garbage instead of a frame header, reconnecting");
-                else Log(l, "frame of %u bytes over the bound %u, reconnecting", QovHostGetU32(l.buf.get() + 8), l.bufMax);
-                Drop(l);
-                return 0;
-            }
-        }
-        if (l.have < QOV_HOST_FRAME_HDR_LEN || l.have - QOV_HOST_FRAME_HDR_LEN != l.msgLen) continue;
-        l.have = 0;
-        ++n;
-        if (!Deliver(l)) {
+// Delivers the complete frames in buf[off, have), in order, until the link is
+// pressed: a receive function that presses its own channel gets no further
+// frame, read or not, until the release. false when the stream went bad
+// (the link is dropped then).
+bool DeliverBuffered(Link &l) {
+    while (!l.pressed.load(std::memory_order_acquire) && l.have - l.off >= QOV_HOST_FRAME_HDR_LEN) {
+        uint8_t *at = l.buf.get() + l.off;
+        uint32_t msgId = 0, msgLen = 0;
+        int bad = QovHostFrameHdrDecode(at, l.bufMax, &msgId, &msgLen);
+        if (bad != 0) {
             ++l.framesBad;
-            Log(l, "malformed sync frame of %u bytes, reconnecting", l.msgLen);
+            Link::Bump(bad == 1 ? l.badMagic : l.overBound, 1);
+            if (bad == 1) Log(l, "garbage instead of a frame header, reconnecting");
+            else Log(l, "frame of %u bytes over the bound %u, reconnecting", QovHostGetU32(at + 8), l.bufMax);
             Drop(l);
-            return 0;
+            return false;
+        }
+        if (l.have - l.off - QOV_HOST_FRAME_HDR_LEN < msgLen) break;
+        l.off += QOV_HOST_FRAME_HDR_LEN + msgLen;
+        if (!Deliver(l, msgId, std::span<uint8_t>(at + QOV_HOST_FRAME_HDR_LEN, msgLen))) {
+            ++l.framesBad;
+            Log(l, "malformed sync frame of %u bytes, reconnecting", msgLen);
+            Drop(l);
+            return false;
         }
     }
+    if (l.off == l.have) l.off = l.have = 0;
+    return true;
+}
+
+// One read per turn, as much as the buffer takes, then every complete frame
+// it brought: many frames cost one system call, and the loop serves its other
+// descriptors between reads.
+uint32_t OnReadable(int32_t fd, uint32_t, void *usrData) {
+    Link &l = *static_cast<Link *>(usrData);
+    if (!DeliverBuffered(l) || l.pressed.load(std::memory_order_acquire)) return 0;
+    if (l.bufCap - l.off < QOV_HOST_FRAME_HDR_LEN + l.bufMax) {  // the rest of a frame must fit behind off
+        std::memmove(l.buf.get(), l.buf.get() + l.off, l.have - l.off);
+        l.have -= l.off;
+        l.off = 0;
+    }
+    ssize_t r = read(fd, l.buf.get() + l.have, l.bufCap - l.have);
+    if (r < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK)) return 0;
+    if (r <= 0) {
+        Log(l, r == 0 ? "connection closed by the peer" : "connection failed (errno %d)", errno);
+        Drop(l);
+        return 0;
+    }
+    l.have += static_cast<uint32_t>(r);
+    DeliverBuffered(l);
     return 0;
 }
 
 // Takes a connected socket into service.
 void Attach(Link &l, int32_t s) {
+    // Frames go out whole (QOV_CHAN_USendMsg, sync sends); without this a
+    // small frame behind one not yet acknowledged waits for the peer's
+    // delayed ACK (Nagle), up to 40 ms on Linux.
     int one = 1;
     setsockopt(s, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
     uint32_t fm = FrameMax();
     if (l.buf == nullptr || l.bufMax != fm) {
-        l.buf.reset(new uint8_t[QOV_HOST_FRAME_HDR_LEN + static_cast<size_t>(fm)]);
+        l.bufCap = QOV_HOST_FRAME_HDR_LEN + fm + kReadAhead;
+        l.buf.reset(new uint8_t[l.bufCap]);
         l.bufMax = fm;
     }
-    l.have = 0;
+    l.off = l.have = 0;
     l.backoffMs = kBackoffMinMs;
     {
         std::lock_guard<std::mutex> lk(l.mu);
@@ -162,10 +182,17 @@ void Attach(Link &l, int32_t s) {
     Log(l, "connected on port %u", l.port);
 }
 
-void OnConnectTimer(uint64_t arg) {
+// The link's timer: while connected, a release's wake-up for the frames
+// that stayed buffered while pressed (the socket may have nothing new to
+// make it readable); otherwise, for a connector, the next try.
+void OnLinkTimer(uint64_t arg) {
     // The timer hands its argument back as a u64.
     Link &l = *reinterpret_cast<Link *>(static_cast<uintptr_t>(arg));  // NOLINT(performance-no-int-to-ptr)
-    if (l.fd >= 0) return;
+    if (l.fd >= 0) {
+        DeliverBuffered(l);
+        return;
+    }
+    if (l.listener) return;
     int32_t s = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     sockaddr_in a{};
     a.sin_family = AF_INET;
@@ -211,15 +238,15 @@ void LinkStart(Link &l, int32_t epFd) {
     l.epFd = epFd;
     l.backoffMs = kBackoffMinMs;
     l.state = QOV_HOST_LINK_WAIT;
-    if (l.listener) {
-        if (EpollAddFd(epFd, l.listenFd, true, OnAccept, &l) != 0) Log(l, "cannot serve the listener");
-        return;
-    }
     l.timerFd = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
-    if (l.timerFd < 0 || EpollAddTimer(epFd, l.timerFd, OnConnectTimer, U(&l)) != 0) {
+    if (l.timerFd < 0 || EpollAddTimer(epFd, l.timerFd, OnLinkTimer, U(&l)) != 0) {
         if (l.timerFd >= 0) close(l.timerFd);
         l.timerFd = -1;
-        Log(l, "cannot make the reconnect timer");
+        Log(l, "cannot make the link's timer");
+        return;
+    }
+    if (l.listener) {
+        if (EpollAddFd(epFd, l.listenFd, true, OnAccept, &l) != 0) Log(l, "cannot serve the listener");
         return;
     }
     ArmTimer(l, 0);
@@ -266,6 +293,7 @@ uint32_t LinkPress(Link &l, bool press) {
     if (l.pressed != press) {
         l.pressed.store(press, std::memory_order_release);
         if (l.fd >= 0) EpollSetReading(l.epFd, l.fd, !press);
+        if (!press && l.fd >= 0 && l.timerFd >= 0) ArmTimer(l, 0);  // frames may wait in the buffer
     }
     ++(press ? l.presses : l.releases);
     return 0;
