@@ -20,14 +20,12 @@ using qovtest::Logs;
 
 using qovtest::Create;
 using qovtest::Destroy;
-using qovtest::g_live;
 using qovtest::ValidBase;
 
 class RegBase : public qovtest::HostTest {
 protected:
     void SetUp() override {
         HostTest::SetUp();
-        g_live.clear();
         hdl_ = Create("orch");
         ASSERT_NE(hdl_, nullptr);
         QovHostJournalClear();
@@ -124,7 +122,7 @@ INSTANTIATE_TEST_SUITE_P(Steps, StepFailure,
 TEST_F(RegBase, EveryFailingAllocationIsClean) {
     ASOrchBasePara b = ValidBase();
     const int64_t base = qovtest::AllocOutstanding();  // the fixture's handle
-    const std::map<void *, size_t> before = g_live;
+    const std::map<void *, size_t> before = qovtest::LiveBlocks();
     uint32_t k = 1;
     for (; k < 100; ++k) {
         QovHostLogClear();
@@ -147,7 +145,7 @@ TEST_F(RegBase, EveryFailingAllocationIsClean) {
 TEST_F(RegBase, DestroyWhileTheStartedInstanceReads) {
     ASOrchBasePara b = ValidBase();
     b.threadMask = 7;
-    const std::map<void *, size_t> before = g_live;
+    const std::map<void *, size_t> before = qovtest::LiveBlocks();
     for (int round = 0; round < 100; ++round) {
         QovHostLogClear();
         ASOrchHandle *h = Create("orchD");

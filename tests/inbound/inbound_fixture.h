@@ -1,6 +1,6 @@
-// Shared setup of the inbound suites: a handle whose allocator remembers every
-// live block, so that the registry's blocks (which the handle keeps until the
-// process ends) can be named after destroy and then released by the test.
+// Shared setup of the inbound suites: a handle on the counting allocator, and
+// a record of the blocks registrations take: the registry's, which the handle
+// keeps until the process ends, named after destroy and then released.
 #ifndef QOV_TEST_INBOUND_FIXTURE_H
 #define QOV_TEST_INBOUND_FIXTURE_H
 
@@ -11,11 +11,6 @@
 
 namespace inboundtest {
 
-// The fixture's allocator, and its live blocks.
-void *TrackAlloc(uint32_t size);
-void TrackFree(void *p);
-const std::set<void *> &LiveBlocks();
-
 class InboundTest : public qovtest::HostTest {
 protected:
     void SetUp() override;
@@ -25,10 +20,10 @@ protected:
     // outlive the handle (the integer hash's delete releases nothing).
     template <typename F>
     uint32_t Reg(F &&f) {
-        std::set<void *> before = LiveBlocks();
+        auto before = qovtest::LiveBlocks();
         uint32_t r = f();
-        for (void *p : LiveBlocks())
-            if (before.count(p) == 0) kept_.insert(p);
+        for (const auto &block : qovtest::LiveBlocks())
+            if (before.count(block.first) == 0) kept_.insert(block.first);
         return r;
     }
     ASOrchHandle *hdl_ = nullptr;

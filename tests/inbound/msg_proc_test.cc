@@ -6,6 +6,7 @@
 #include "inbound_fixture.h"
 #include "merge/merge_internal.h"
 #include "support/msg_encode.h"
+#include "support/reg_env.h"
 
 namespace inboundtest {
 namespace {
@@ -50,11 +51,6 @@ uint32_t Unpack(void *data, uint32_t len, ASOrchUnpackRes *res) {
 }
 void UnpackFree(ASOrchUnpackRes *) { ++g_unpackFrees; }
 
-template <uint32_t Path>
-uint32_t Hash(const void *key) {
-    const auto *v = static_cast<const ASOrchMergeMsgVec *>(key);
-    return ASOrchMergeHashFunc(v->usrData, Path, v);
-}
 
 ASOrchMergeMsgDispatch g_dispatch[] = {{100, {Record, Record, Record, Record}},
                                        {101, {Record, Record, Record, Record}}};
@@ -83,8 +79,8 @@ protected:
         g_userResult = 0;
         g_unpackFrees = 0;
         ASOrchBasePara base{};
-        base.damMerge = {g_dispatch, 2, 64, Hash<0>, 0, 0};
-        base.fesMerge = {g_dispatch, 2, 64, Hash<1>, 0, 0};
+        base.damMerge = {g_dispatch, 2, 64, qovtest::MergeHash<0>, 0, 0};
+        base.fesMerge = {g_dispatch, 2, 64, qovtest::MergeHash<1>, 0, 0};
         base.recvTblMsgList[0] = {recv_.data(), static_cast<uint32_t>(recv_.size())};
         ASSERT_EQ(ASOrchRegMerge(hdl_, &base, AS_SYNC_GRP_ID_NONE), 0u);
         ASSERT_EQ(Reg([&] { return ASOrchRegTblMsg(hdl_, &base); }), 0u);

@@ -222,8 +222,8 @@ TEST_P(SmoothRunTest, CallbacksAndEntriesSeeTheClassRecords) {
     for (const QovHostCall &call : EntryCalls()) {
         EXPECT_EQ(Bytes(call.rec, call.rec + call.recLen), ClassRec(run, offs[k++], call.recLen)) << call.op;
         if (std::strcmp(call.op, "QOV_ENTRY_ProcVrfStateEnd") == 0) {
-            EXPECT_EQ(call.arg[1], reinterpret_cast<uintptr_t>(&TrackAlloc));
-            EXPECT_EQ(call.arg[2], reinterpret_cast<uintptr_t>(&TrackFree));
+            EXPECT_EQ(call.arg[1], reinterpret_cast<uintptr_t>(&qovtest::TestAlloc));
+            EXPECT_EQ(call.arg[2], reinterpret_cast<uintptr_t>(&qovtest::TestFree));
         }
     }
     if (c.firstAfter != 0) {

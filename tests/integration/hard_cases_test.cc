@@ -15,8 +15,8 @@
 #include "qov_autosync_orch.h"
 #include "qov_host_api.h"
 #include "qov_host_ctl.h"
-#include "support/kept_alloc.h"
 #include "support/loopback_broker.h"
+#include "support/reg_env.h"
 #include "support/test_env.h"
 
 namespace {
@@ -93,10 +93,6 @@ uint32_t Handler(ASOrchHandle *hdl, ASOrchMergeMsgVec *v) {
     if (key == kLast) g->report = DamReport(), g->lastSeen = true;
     return 0;
 }
-uint32_t Hash(const void *key) {
-    const auto *v = static_cast<const ASOrchMergeMsgVec *>(key);
-    return ASOrchMergeHashFunc(v->usrData, 0, v);
-}
 ASOrchMergeMsgDispatch g_tbl[] = {{kMsgId, {Handler, Handler, Handler, Handler}}};
 ASOrchRecvTblMsg g_recv[] = {{kMsgId, kSet, 0, nullptr, nullptr, kEntry, AS_ORCH_MERGE_DAM, nullptr, 0, 4},
                              {kMsgId, kDel, 0, nullptr, nullptr, kEntry, AS_ORCH_MERGE_DAM, nullptr, 1, 4},
@@ -150,7 +146,7 @@ protected:
     // A started instance on the Data thread (plus mask) reading channel 0 from
     // broker_; channel 1 points at a port nobody listens on.
     void Start(uint32_t high, uint32_t low, uint32_t mask = 1) {
-        ASOrchCreatePara cp{0, 0, qovtest::KeptAlloc, qovtest::KeptFree, 0};
+        ASOrchCreatePara cp{0, 0, qovtest::TestAlloc, qovtest::TestFree, 0};
         g->hdl = ASOrchCreate("hard", &cp);
         ASSERT_NE(g->hdl, nullptr);
         ASOrchBasePara b{};
@@ -158,8 +154,8 @@ protected:
         b.syncGrpMsgSet[0] = 0x10;
         b.chan[0].realServerPort = broker_.port;
         b.chan[1].realServerPort = idle_.port;
-        b.damMerge = {g_tbl, 1, 4096, Hash, high, low};
-        b.fesMerge = {g_tbl, 1, 64, Hash, 0, 0};
+        b.damMerge = {g_tbl, 1, 4096, qovtest::MergeHash<0>, high, low};
+        b.fesMerge = {g_tbl, 1, 64, qovtest::MergeHash<0>, 0, 0};
         b.recvTblMsgList[0] = {g_recv, 3};
         ASSERT_EQ(ASOrchRegBase(g->hdl, &b), 0u);
         ASSERT_EQ(QovHostChanSetRecv(ASOrchGetEalHdl(g->hdl), 0, OnFrame, g->hdl), 0u);
@@ -173,7 +169,7 @@ protected:
         QovHostChanSetRecv(ASOrchGetEalHdl(g->hdl), 0, nullptr, nullptr);
         ASOrchDestroy(g->hdl);
         g->hdl = nullptr;
-        EXPECT_EQ(qovtest::FreeKept(), qovtest::kRegistryKept) << "blocks left beyond the registry's";
+        EXPECT_EQ(qovtest::FreeLive(), qovtest::kRegistryKept) << "blocks left beyond the registry's";
     }
     Broker broker_, idle_{false};
 };

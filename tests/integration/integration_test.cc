@@ -11,8 +11,8 @@
 
 #include "qov_autosync_orch.h"
 #include "qov_host_api.h"
-#include "support/kept_alloc.h"
 #include "support/loopback_broker.h"
+#include "support/reg_env.h"
 #include "support/test_env.h"
 
 namespace {
@@ -43,10 +43,6 @@ uint32_t Handler(ASOrchHandle *hdl, ASOrchMergeMsgVec *v) {
     return 0;
 }
 
-uint32_t Hash(const void *key) {
-    const auto *v = static_cast<const ASOrchMergeMsgVec *>(key);
-    return ASOrchMergeHashFunc(v->usrData, 0, v);
-}
 
 ASOrchMergeMsgDispatch g_tbl[] = {{kMsgId, {Handler, Handler, Handler, Handler}}};
 
@@ -85,8 +81,6 @@ int32_t Tid(ASOrchHandle *hdl, uint32_t kind) {
     return QovHostThreadGet(ASOrchGetEalHdl(hdl), kind, &r) == 0 ? r.tid : 0;
 }
 
-using qovtest::FreeKept;
-using qovtest::kRegistryKept;
 
 bool ThreadGone(int32_t tid) { return !std::ifstream("/proc/self/task/" + std::to_string(tid) + "/comm").good(); }
 
@@ -95,7 +89,7 @@ protected:
     // Creates, registers (threads of mask, sync kinds 0 and 1, the DAM and
     // FES channels to port) and starts an instance.
     ASOrchHandle *Start(const char *name, uint32_t mask, uint16_t port) {
-        ASOrchCreatePara cp{0, 0, qovtest::KeptAlloc, qovtest::KeptFree, 0};
+        ASOrchCreatePara cp{0, 0, qovtest::TestAlloc, qovtest::TestFree, 0};
         ASOrchHandle *hdl = ASOrchCreate(name, &cp);
         EXPECT_NE(hdl, nullptr);
         ASOrchBasePara b{};
@@ -104,8 +98,8 @@ protected:
         b.syncGrpMsgSet[1] = 0x20;
         b.chan[0].realServerPort = port;
         b.chan[1].realServerPort = port;
-        b.damMerge = {g_tbl, 1, 64, Hash, 0, 0};
-        b.fesMerge = {g_tbl, 1, 64, Hash, 0, 0};
+        b.damMerge = {g_tbl, 1, 64, qovtest::MergeHash<0>, 0, 0};
+        b.fesMerge = {g_tbl, 1, 64, qovtest::MergeHash<0>, 0, 0};
         b.recvTblMsgList[0] = {g_recv, 1};
         EXPECT_EQ(ASOrchRegBase(hdl, &b), 0u);
         for (uint32_t c = 0; c < 2; ++c) EXPECT_EQ(QovHostChanSetRecv(ASOrchGetEalHdl(hdl), c, OnFrame, hdl), 0u);
@@ -122,7 +116,7 @@ protected:
             QovHostSyncSetRecv(ASOrchGetEalHdl(h), 0, nullptr, nullptr);
         }
         for (ASOrchHandle *h : hdls_) ASOrchDestroy(h);
-        EXPECT_EQ(FreeKept(), kRegistryKept * hdls_.size()) << "blocks left beyond the registry's";
+        EXPECT_EQ(qovtest::FreeLive(), qovtest::kRegistryKept * hdls_.size()) << "blocks left beyond the registry's";
         hdls_.clear();
     }
     void SetUp() override {

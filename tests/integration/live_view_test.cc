@@ -21,8 +21,8 @@
 
 #include "qov_autosync_orch.h"
 #include "qov_host_api.h"
-#include "support/kept_alloc.h"
 #include "support/loopback_broker.h"
+#include "support/reg_env.h"
 #include "support/test_env.h"
 
 namespace {
@@ -34,10 +34,6 @@ using qovtest::WaitFor;
 constexpr uint32_t kMsgId = 100, kIpcMsgId = 7, kEntrySize = 16, kPrefix = 8, kKeySize = 4;
 
 uint32_t Handler(ASOrchHandle *, ASOrchMergeMsgVec *) { return 0; }
-uint32_t Hash(const void *key) {
-    const auto *v = static_cast<const ASOrchMergeMsgVec *>(key);
-    return ASOrchMergeHashFunc(v->usrData, 0, v);
-}
 ASOrchMergeMsgDispatch g_tbl[] = {{kMsgId, {Handler, Handler, Handler, Handler}}};
 ASOrchRecvTblMsg g_recv[] = {
     {kMsgId, kIpcMsgId, 0, nullptr, nullptr, kEntrySize, AS_ORCH_MERGE_DAM, nullptr, 0, kKeySize}};
@@ -158,7 +154,7 @@ protected:
         dir_ = tmpl;
         sock_ = dir_ + "/ctl.sock";
         g_padLines = 0;
-        ASOrchCreatePara cp{0, 0, qovtest::KeptAlloc, qovtest::KeptFree, 0};
+        ASOrchCreatePara cp{0, 0, qovtest::TestAlloc, qovtest::TestFree, 0};
         hdl_ = ASOrchCreate("lvA", &cp);
         ASSERT_NE(hdl_, nullptr);
         eal_ = ASOrchGetEalHdl(hdl_);
@@ -166,8 +162,8 @@ protected:
         b.threadMask = 1;
         b.syncGrpMsgSet[0] = 0x10;
         b.chan[0].realServerPort = broker_.port;
-        b.damMerge = {g_tbl, 1, 64, Hash, 0, 0};
-        b.fesMerge = {g_tbl, 1, 64, Hash, 0, 0};
+        b.damMerge = {g_tbl, 1, 64, qovtest::MergeHash<0>, 0, 0};
+        b.fesMerge = {g_tbl, 1, 64, qovtest::MergeHash<0>, 0, 0};
         b.recvTblMsgList[0] = {g_recv, 1};
         ASSERT_EQ(ASOrchRegBase(hdl_, &b), 0u);
         ASSERT_EQ(QovHostChanSetRecv(eal_, 0, OnFrame, hdl_), 0u);
@@ -182,7 +178,7 @@ protected:
             EXPECT_FALSE(std::filesystem::exists(sock_)) << "the socket file stayed";
             QovHostChanSetRecv(eal_, 0, nullptr, nullptr);
             ASOrchDestroy(hdl_);
-            EXPECT_EQ(qovtest::FreeKept(), qovtest::kRegistryKept);
+            EXPECT_EQ(qovtest::FreeLive(), qovtest::kRegistryKept);
         }
         std::filesystem::remove_all(dir_);
         HostTest::TearDown();

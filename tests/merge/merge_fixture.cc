@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "support/reg_env.h"
+
 namespace mergetest {
 
 std::vector<Seen> g_seen;
@@ -15,11 +17,6 @@ uint32_t Record(ASOrchHandle *, ASOrchMergeMsgVec *v) {
     return g_handlerResult;
 }
 
-template <uint32_t Path>
-uint32_t Hash(const void *key) {
-    const auto *v = static_cast<const ASOrchMergeMsgVec *>(key);
-    return ASOrchMergeHashFunc(v->usrData, Path, v);
-}
 
 template <uint32_t Path>
 ASOrchMergeMsgDispatch g_tbl[2] = {{100, {Record<Path>, Record<Path>, Record<Path>, Record<Path>}},
@@ -27,8 +24,8 @@ ASOrchMergeMsgDispatch g_tbl[2] = {{100, {Record<Path>, Record<Path>, Record<Pat
 
 }  // namespace
 
-ASOrchMergePara DamPara() { return {g_tbl<0>, 2, 64, Hash<0>, 0, 0}; }
-ASOrchMergePara FesPara() { return {g_tbl<1>, 2, 0, Hash<1>, 0, 0}; }
+ASOrchMergePara DamPara() { return {g_tbl<0>, 2, 64, qovtest::MergeHash<0>, 0, 0}; }
+ASOrchMergePara FesPara() { return {g_tbl<1>, 2, 0, qovtest::MergeHash<1>, 0, 0}; }
 
 ASOrchMergeMsgVec Vec(uint32_t msgId, uint32_t op, const char *key, const char *data) {
     auto bytes = [](const char *s) { return reinterpret_cast<uint8_t *>(const_cast<char *>(s)); };

@@ -4,34 +4,18 @@
 
 namespace qovtest {
 
-std::map<void *, size_t> g_live;
-
 namespace {
 
 uint32_t Handler(ASOrchHandle *, ASOrchMergeMsgVec *v) { return v->key != nullptr && v->key[0] == '!' ? 1 : 0; }
-uint32_t Hash(const void *key) {
-    const auto *v = static_cast<const ASOrchMergeMsgVec *>(key);
-    return ASOrchMergeHashFunc(v->usrData, 0, v);
-}
 ASOrchMergeMsgDispatch g_tbl[] = {{100, {Handler, Handler, Handler, Handler}}};
 constexpr uint32_t kRecvMsgId = 0x500, kTableId = 7;
 ASOrchRecvTblMsg g_recv[] = {{100, kRecvMsgId, 0, nullptr, nullptr, 8, 0, nullptr, 0, 4}};
 ASOrchTransTblMsg g_trans[] = {{kTableId, 8, {}, {}, 0, nullptr}};
 
-void *TrackAlloc(uint32_t size) {
-    void *p = qovtest::TestAlloc(size);
-    if (p != nullptr) g_live[p] = QovHostLogCount();
-    return p;
-}
-void TrackFree(void *p) {
-    g_live.erase(p);
-    qovtest::TestFree(p);
-}
-
 }  // namespace
 
 ASOrchHandle *Create(const char *name) {
-    ASOrchCreatePara p{0, 0, TrackAlloc, TrackFree, 0};
+    ASOrchCreatePara p{0, 0, TestAlloc, TestFree, 0};
     return ASOrchCreate(name, &p);
 }
 
@@ -44,10 +28,10 @@ void Destroy(ASOrchHandle *h, const std::map<void *, size_t> &before) {
     for (size_t i = from == std::string::npos ? logs.size() : from + 1; i < logs.size() && to == std::string::npos; ++i)
         if (logs[i].find("autosync base") != std::string::npos) to = i;
     ASOrchDestroy(h);
-    for (auto [p, stamp] : std::map<void *, size_t>(g_live)) {
+    for (auto [p, stamp] : LiveBlocks()) {
         if (before.count(p) != 0) continue;
         EXPECT_TRUE(to != std::string::npos && stamp > from && stamp <= to) << "a block outside the registry's left";
-        TrackFree(p);
+        TestFree(p);
     }
 }
 
@@ -62,8 +46,8 @@ ASOrchBasePara ValidBase() {
     b.chan[0] = {0x1234, 0xAB};
     b.recvTblMsgList[1] = {g_recv, 1};
     b.transTblMsgList[1] = {g_trans, 1};
-    b.damMerge = {g_tbl, 1, 64, Hash, 0, 0};
-    b.fesMerge = {g_tbl, 1, 0, Hash, 0, 0};
+    b.damMerge = {g_tbl, 1, 64, MergeHash<0>, 0, 0};
+    b.fesMerge = {g_tbl, 1, 0, MergeHash<0>, 0, 0};
     return b;
 }
 

@@ -2,6 +2,9 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <mutex>
+
+#include "qov_host_ctl.h"
 
 namespace qovtest {
 namespace {
@@ -20,6 +23,8 @@ std::atomic<int64_t> g_outstanding{0};
 std::atomic<uint64_t> g_badFrees{0};
 std::atomic<uint64_t> g_failAt{0};
 std::atomic<uint64_t> g_failFrom{0};
+std::mutex g_liveMu;
+std::map<void *, size_t> g_live;
 
 }  // namespace
 
@@ -32,6 +37,9 @@ void *TestAlloc(uint32_t size) {
     h->magic = kLive;
     h->size = size;
     ++g_outstanding;
+    const size_t stamp = QovHostLogCount();
+    std::lock_guard<std::mutex> lk(g_liveMu);
+    g_live[h + 1] = stamp;
     return h + 1;
 }
 
@@ -46,6 +54,10 @@ void TestFree(void *ptr) {
         return;
     }
     h->magic = kDead;
+    {
+        std::lock_guard<std::mutex> lk(g_liveMu);
+        g_live.erase(ptr);
+    }
     ++g_frees;
     --g_outstanding;
     std::free(h);
@@ -58,6 +70,8 @@ void AllocReset() {
     g_badFrees = 0;
     g_failAt = 0;
     g_failFrom = 0;
+    std::lock_guard<std::mutex> lk(g_liveMu);
+    g_live.clear();
 }
 
 void AllocFailAt(uint64_t k) { g_failAt = k; }
@@ -66,5 +80,16 @@ uint64_t AllocCount() { return g_allocs.load(); }
 uint64_t FreeCount() { return g_frees.load(); }
 int64_t AllocOutstanding() { return g_outstanding.load(); }
 uint64_t AllocBadFrees() { return g_badFrees.load(); }
+
+std::map<void *, size_t> LiveBlocks() {
+    std::lock_guard<std::mutex> lk(g_liveMu);
+    return g_live;
+}
+
+size_t FreeLive() {
+    std::map<void *, size_t> live = LiveBlocks();
+    for (const auto &block : live) TestFree(block.first);
+    return live.size();
+}
 
 }  // namespace qovtest

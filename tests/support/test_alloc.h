@@ -3,7 +3,9 @@
 #ifndef QOV_TEST_ALLOC_H
 #define QOV_TEST_ALLOC_H
 
+#include <cstddef>
 #include <cstdint>
+#include <map>
 
 namespace qovtest {
 
@@ -20,6 +22,15 @@ uint64_t AllocCount();       // allocations attempted since the reset
 uint64_t FreeCount();        // successful frees since the reset
 int64_t AllocOutstanding();  // blocks allocated and not freed since the reset
 uint64_t AllocBadFrees();    // frees of null, unknown or already freed blocks
+
+// The blocks taken since the reset and not freed, each with the number of log
+// lines written before it was taken.
+std::map<void *, size_t> LiveBlocks();
+// Frees every live block; returns how many that was. The table-message
+// registry keeps its table and node block past ASOrchDestroy by design
+// (kRegistryKept per registered instance); suites give those back here.
+size_t FreeLive();
+constexpr size_t kRegistryKept = 2;
 
 }  // namespace qovtest
 

@@ -19,7 +19,6 @@ class SyncGrp : public qovtest::HostTest {
 protected:
     void SetUp() override {
         HostTest::SetUp();
-        qovtest::g_live.clear();
         hdl_ = qovtest::Create("orchS");
         ASSERT_NE(hdl_, nullptr);
     }

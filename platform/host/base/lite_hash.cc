@@ -29,9 +29,10 @@
 // fill's peak and a quarter of this one's, one slab at least), so a load that
 // fills and drains the same way again does not allocate again.
 //
-// An element knows its hash: a removal or count by a key that lies inside a
-// linked element (the merge queue passes the entry's own key) needs no hash
-// call, and the slot is found by the element's address from its home slot.
+// An element knows its hash: a removal by a key that lies inside a linked
+// element equal to it (the merge queue passes the entry's own key) needs no
+// hash call, and the slot is found by the element's address from its home
+// slot.
 //
 // The table's lock (TableLock below) costs its usual thread no atomic
 // read-modify-write; any other thread takes a slow path kept out of line.
@@ -258,10 +259,10 @@ struct LITE_HASH {
     uint32_t firstSlots; // the slot array made at creation
     void *freeList;      // released elements, linked through their first word
     uint8_t *carve;      // next unused element header of the slab being carved
-    void *lastAdded;     // the element linked last, for a count by its key
     uint8_t **slabs;     // every slab, in address order
     uint32_t slabNum;
     uint32_t slabCap;
+    uint8_t *hitSlab;    // the slab of the last removal by an element's own key
     uint8_t **fresh;     // slabs kept at a trim, not carved since
     uint32_t freshNum;
     uint32_t live;       // elements taken and not released
@@ -401,7 +402,7 @@ uint32_t SlabPos(const LITE_HASH_S *h, uintptr_t a) {
 }
 
 // Carving goes on in a kept slab, or in a new one.
-bool NextSlab(LITE_HASH_S *h) {
+__attribute__((noinline)) bool NextSlab(LITE_HASH_S *h) {
     if (h->freshNum != 0) {
         h->carve = h->fresh[--h->freshNum];
     } else {
@@ -429,7 +430,7 @@ bool NextSlab(LITE_HASH_S *h) {
 // A released element, or a fresh one from a slab. The slot array is
 // doubled here, ahead of the add that would need it, whenever this call does
 // not take a slab already, so that an append allocates at most once.
-void *TakeElem(LITE_HASH_S *h) {
+inline __attribute__((always_inline)) void *TakeElem(LITE_HASH_S *h) {
     void *e = h->freeList;
     if (e != nullptr) {
         std::memcpy(&h->freeList, e, sizeof(void *));
@@ -450,12 +451,18 @@ void *TakeElem(LITE_HASH_S *h) {
 
 // The linked element whose bytes hold key, or null: a key inside a slab
 // belongs to the element whose stride it falls in.
-void *ElemHolding(const LITE_HASH_S *h, const void *key) {
+// The slab of the last hit is tried first: a reader takes entries in the
+// order they were carved more often than not.
+void *ElemHolding(LITE_HASH_S *h, const void *key) {
     auto a = reinterpret_cast<uintptr_t>(key);
-    uint32_t at = SlabPos(h, a + 1);  // the first slab above a
-    if (at == 0) return nullptr;
-    auto base = reinterpret_cast<uintptr_t>(h->slabs[at - 1]);
-    if (a - base >= SlabBytes(h)) return nullptr;
+    auto base = reinterpret_cast<uintptr_t>(h->hitSlab);
+    if (a - base >= SlabBytes(h)) {
+        uint32_t at = SlabPos(h, a + 1);  // the first slab above a
+        if (at == 0) return nullptr;
+        base = reinterpret_cast<uintptr_t>(h->slabs[at - 1]);
+        if (a - base >= SlabBytes(h)) return nullptr;
+        h->hitSlab = h->slabs[at - 1];
+    }
     uintptr_t elem = base + (a - base) / h->stride * h->stride + sizeof(ElemHdr);
     if (a < elem || a - elem >= h->elemSize) return nullptr;
     void *e = reinterpret_cast<void *>(elem);  // NOLINT(performance-no-int-to-ptr)
@@ -472,12 +479,12 @@ void Trim(LITE_HASH_S *h) {
     uint32_t keep = (need + h->slabElems - 1) / h->slabElems;
     if (keep >= h->slabNum && h->mask + 1 <= h->firstSlots) return;
     for (uint32_t i = keep; i < h->slabNum; ++i) BlockFree(h->slabs[i]);
+    h->hitSlab = nullptr;
     h->slabNum = std::min(keep, h->slabNum);
     for (uint32_t i = 0; i < h->slabNum; ++i) h->fresh[i] = h->slabs[i];
     h->freshNum = h->slabNum;
     h->freeList = nullptr;
     h->carveLeft = 0;
-    h->lastAdded = nullptr;
     if (h->mask + 1 > h->firstSlots) {
         auto *slots = static_cast<Slot *>(BlockZalloc(size_t{h->firstSlots} * sizeof(Slot)));
         if (slots != nullptr) {
@@ -529,8 +536,8 @@ QOV_PLAT_API LITE_HASH_S *LITE_HASH_CreateWithLock(uint32_t memPtNo, uint16_t el
     h->carve = nullptr;
     h->carveLeft = 0;
     h->slabElems = std::clamp(bucketNum / 32, kMinSlabElems, kMaxSlabElems);
-    h->lastAdded = nullptr;
     h->slabs = h->fresh = nullptr;
+    h->hitSlab = nullptr;
     h->slabNum = h->slabCap = h->freshNum = 0;
     h->live = h->peak = h->prevPeak = 0;
     return h;
@@ -571,7 +578,6 @@ QOV_PLAT_API void LITE_HASH_FreeData(LITE_HASH_S *hash, void *element) {
         }
         std::memcpy(element, &hash->freeList, sizeof(void *));
         hash->freeList = element;
-        if (element == hash->lastAdded) hash->lastAdded = nullptr;
         if (--hash->live == 0) Trim(hash);
         return 0;
     });
@@ -599,7 +605,6 @@ QOV_PLAT_API uint32_t LITE_HASH_AddNode(LITE_HASH_S *hash, const void *key, void
         Place(hash->slots, hash->mask, HomeOf(hash, hv), hdr->node.data, hv);
         hash->bucketCnt[bucket]++;
         hash->count++;
-        hash->lastAdded = hdr->node.data;
         return 0;
     });
 }
@@ -628,18 +633,13 @@ QOV_PLAT_API void *LITE_HASH_RemoveNodeByKey(LITE_HASH_S *hash, const void *key)
     });
 }
 
-// Keys that compare equal hash alike, so a linked element equal to the key
-// (the one holding it, or the one linked last) tells the bucket without a
-// hash call.
+// The count needs the key's bucket, and the interface gives only the key:
+// one hash call. (Comparing with the element linked last, to take its
+// bucket, costs more than the orchestrator's hash does.)
 QOV_PLAT_API int32_t LITE_HASH_GetListCntByKey(LITE_HASH_S *hash, const void *key) {
     if (hash == nullptr || key == nullptr) return 0;
-    return WithLock(hash->lock, false, [hash, key] {
-        void *e = ElemHolding(hash, key);
-        if (e == nullptr && hash->lastAdded != nullptr && HdrOf(hash->lastAdded)->bucket1 != 0) e = hash->lastAdded;
-        uint32_t bucket = e != nullptr && hash->cmpFunc(e, key) != 0 ? HdrOf(e)->bucket1 - 1
-                                                                     : BucketOf(hash, hash->hashFunc(key));
-        return static_cast<int32_t>(hash->bucketCnt[bucket]);
-    });
+    uint32_t hv = hash->hashFunc(key);
+    return WithLock(hash->lock, false, [hash, hv] { return static_cast<int32_t>(hash->bucketCnt[BucketOf(hash, hv)]); });
 }
 
 QOV_PLAT_API int32_t LITE_HASH_GetHashCnt(LITE_HASH_S *hash) {
