@@ -68,12 +68,18 @@ public:
         put("] ", 2);
         put(text, sizeof(QovHostLogLine::text) - 1);
         put("\n", 1);
-        std::lock_guard<std::mutex> lk(mu_);
+        std::unique_lock<std::mutex> lk(mu_);
         if (len == lastLen_ && std::memcmp(line, last_, len) == 0) {
             ++repeats_;
         } else {
+            while (kLogBlock - kNoteMax - used_ < len) {  // full: written out first
+                lk.unlock();
+                Flush();
+                lk.lock();
+            }
             CloseRunLocked();
-            AppendLocked(line, len);
+            std::memcpy(buf_ + used_, line, len);
+            used_ += len;
             std::memcpy(last_, line, len);
             lastLen_ = len;
         }
@@ -83,35 +89,32 @@ public:
             wake_.notify_one();
         }
     }
+    // Writes what is buffered. The block is swapped out under the lock and
+    // written outside it, so a line never waits for the file, nor for a
+    // writer that the scheduler has put aside.
     void Flush() {
-        std::lock_guard<std::mutex> lk(mu_);
-        FlushLocked();
+        std::lock_guard<std::mutex> order(writeMu_);
+        size_t n = 0;
+        {
+            std::lock_guard<std::mutex> lk(mu_);
+            CloseRunLocked();
+            std::swap(buf_, spare_);
+            n = used_;
+            used_ = 0;
+            timerWaiting_ = false;
+        }
+        if (n != 0) std::fwrite(spare_, 1, n, stderr);
+        std::fflush(stderr);
     }
 
 private:
-    void AppendLocked(const char *s, size_t n) {
-        if (kLogBlock - used_ < n) WriteLocked();
-        std::memcpy(buf_ + used_, s, n);
-        used_ += n;
-    }
     // The run of repeats ends: its count is written (identical lines after
-    // it start a new run).
+    // it start a new run). Room for it is always kept.
     void CloseRunLocked() {
         if (repeats_ == 0) return;
-        char note[64];
-        int n = std::snprintf(note, sizeof note, "last message repeated %u times\n", repeats_);
+        int n = std::snprintf(buf_ + used_, kNoteMax, "last message repeated %u times\n", repeats_);
         repeats_ = 0;
-        if (n > 0) AppendLocked(note, static_cast<size_t>(n));
-    }
-    void WriteLocked() {
-        if (used_ != 0) std::fwrite(buf_, 1, used_, stderr);
-        std::fflush(stderr);
-        used_ = 0;
-    }
-    void FlushLocked() {
-        CloseRunLocked();
-        WriteLocked();
-        timerWaiting_ = false;
+        if (n > 0) used_ += static_cast<size_t>(n);
     }
     // One thread, made at the first line, that flushes kLogFlushMs after a
     // line arrives in an empty buffer; it sleeps while nothing is buffered.
@@ -124,7 +127,10 @@ private:
             for (;;) {
                 wake_.wait(lk, [this] { return timerWaiting_; });
                 wake_.wait_for(lk, kLogFlushMs, [this] { return !timerWaiting_; });
-                if (timerWaiting_) FlushLocked();
+                if (!timerWaiting_) continue;
+                lk.unlock();
+                Flush();
+                lk.lock();
             }
         }).detach();
     }
@@ -137,11 +143,16 @@ public:
     }
 
 private:
+    static constexpr size_t kNoteMax = 48;  // "last message repeated 4294967295 times\n"
+    std::mutex writeMu_;  // keeps blocks in order; taken before mu_
     std::mutex mu_;
     std::condition_variable wake_;
     bool timer_ = false;
     bool timerWaiting_ = false;  // lines wait for the timer's flush
-    char buf_[kLogBlock];
+    char blockA_[kLogBlock];
+    char blockB_[kLogBlock];
+    char *buf_ = blockA_;    // lines go here
+    char *spare_ = blockB_;  // the block being written
     size_t used_ = 0;
     char last_[kLineMax];
     size_t lastLen_ = 0;
