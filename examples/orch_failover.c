@@ -53,7 +53,7 @@ static const char g_usage[] =
     "  --sync-addr ADDR     address the active node's sync link listens on (default 127.0.0.1;\n"
     "                       127.0.0.2 puts the pair on two addresses)\n"
     "  --fault skip-sweep|drop-sync-frame  a fault the check must catch: the resync keeps\n"
-    "                       stale keys / the last standby drops its 300th sync frame\n"
+    "                       stale keys / the last standby drops its 100th sync frame\n"
     "  --seed N             workload seed (default 1)\n"
     "  --csv FILE           time series every 100 ms: the active and the standby node's queues\n"
     "                       and deliveries, the kill and the restart or takeover marked\n"
@@ -194,7 +194,7 @@ static pid_t Node(NodeSpec n) {
     if (n.peer != 0) args[k++] = "--peer", args[k++] = per;
     if (n.crashRows != 0) args[k++] = "--crash-in-resync", args[k++] = (char *)Num(n.crashRows);
     if (n.fault != NULL && strcmp(n.fault, "skip-sweep") == 0) args[k++] = "--skip-sweep";
-    if (n.fault != NULL && strcmp(n.fault, "drop-sync-frame") == 0) args[k++] = "--drop-sync-frame", args[k++] = "300";
+    if (n.fault != NULL && strcmp(n.fault, "drop-sync-frame") == 0) args[k++] = "--drop-sync-frame", args[k++] = "100";
     args[k] = NULL;
     return Spawn("orch_node", args);
 }
