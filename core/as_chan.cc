@@ -9,8 +9,6 @@
 
 namespace {
 
-constexpr uint32_t kEventBit = 1u << QOV_EAL_THREAD_EVENT;
-constexpr uint32_t kAllLow30 = 0x3FFFFFFFu;
 constexpr size_t kMaxSuffixLen = AS_ORCH_NAME_LEN - 1;  // instance name plus suffix fit in 31
 
 template <size_t N>
@@ -68,7 +66,7 @@ uint32_t ASOrchRegBaseChan(ASOrchHandle *hdl, const ASOrchBasePara *para) {
 
 uint32_t ASOrchRegChannel(ASOrchHandle *hdl, const ASOrchChanSlot *slot, const ASOrchChanPara *row) {
     ASOrchChanPara chan = *row;
-    if ((hdl->threadMask & kEventBit) == 0) chan.chanThreadId = QOV_EAL_THREAD_DATA;
+    if ((hdl->threadMask & AS_THREAD_BIT_EVENT) == 0) chan.chanThreadId = QOV_EAL_THREAD_DATA;
     if (ASOrchChanAddNamePrefix(hdl->name, static_cast<uint32_t>(strnlen(hdl->name, AS_ORCH_NAME_LEN)),
                                 chan.chanName) != 0)
         return 1;
@@ -104,7 +102,7 @@ uint32_t ASOrchChanAddNamePrefix(const char *orchName, uint32_t /*orchNameLen*/,
 }
 
 void ASOrchChanParamCfg(ASOrchChanPara *chan, const ASOrchChanSlot *slot) {
-    chan->word4 = kAllLow30;
+    chan->word4 = AS_ALL_LOW30;
     chan->word80 = 0;
     chan->word96 = 0;
     chan->serverAddrFunc = ASOrchGetChanServerIp;

@@ -7,21 +7,6 @@
 #include "qov_utils_base.h"
 #include "qov_utils_eal.h"
 
-static_assert(offsetof(ASOrchCreatePara, ealCreateWord0) == 0);
-static_assert(offsetof(ASOrchCreatePara, memPtNo) == 4);
-static_assert(offsetof(ASOrchCreatePara, memAlloc) == 8);
-static_assert(offsetof(ASOrchCreatePara, memFree) == 16);
-static_assert(offsetof(ASOrchCreatePara, ealCreateWord1) == 24);
-static_assert(sizeof(ASOrchCreatePara) == 32);
-
-static_assert(offsetof(QOV_EAL_CreatePara, orchId) == 0);
-static_assert(offsetof(QOV_EAL_CreatePara, createWord0) == 4);
-static_assert(offsetof(QOV_EAL_CreatePara, createWord1) == 8);
-static_assert(offsetof(QOV_EAL_CreatePara, rsv0) == 12);
-static_assert(offsetof(QOV_EAL_CreatePara, memAlloc) == 16);
-static_assert(offsetof(QOV_EAL_CreatePara, memFree) == 24);
-static_assert(offsetof(QOV_EAL_CreatePara, rsv1) == 32);
-static_assert(sizeof(QOV_EAL_CreatePara) == 40);
 
 namespace {
 

@@ -4,8 +4,6 @@
 
 #include "core/base/as_handle.h"
 
-static_assert(offsetof(ASOrchPatchInfo, libName) == 397);
-
 namespace {
 constexpr char kLibName[] = "libqov_autosync_orch.so";
 constexpr uint32_t kOperActive = 0;

@@ -7,14 +7,13 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/base/as_consts.h"
 #include "core/base/as_handle.h"
 #include "qov_utils_eal.h"
 
-// The platform's records and the library's public copies of them must agree
-// byte for byte: they are handed over by address.
-static_assert(sizeof(QOV_EAL_ThreadPara) == 40);
-static_assert(offsetof(QOV_EAL_ThreadPara, threadName) == 4);
-static_assert(offsetof(QOV_EAL_ThreadPara, threadAttr) == 36);
+// The platform's channel record and the library's public copy of it must
+// agree byte for byte: one is handed over as the other. (Each record's own
+// layout is asserted beside it in its header.)
 static_assert(sizeof(QOV_EAL_ChanPara) == sizeof(ASOrchChanPara));
 static_assert(offsetof(QOV_EAL_ChanPara, word4) == offsetof(ASOrchChanPara, word4));
 static_assert(offsetof(QOV_EAL_ChanPara, chanName) == offsetof(ASOrchChanPara, chanName));

@@ -8,9 +8,6 @@
 
 namespace {
 
-constexpr uint32_t kDataBit = 1u << QOV_EAL_THREAD_DATA;
-constexpr uint32_t kSyncBit = 1u << QOV_EAL_THREAD_SYNC;
-constexpr uint32_t kEventBit = 1u << QOV_EAL_THREAD_EVENT;
 constexpr uint32_t kMaxKinds = QOV_EAL_THREAD_KIND_NUM;
 constexpr uint32_t kMaskBits = 32;
 
@@ -51,7 +48,7 @@ extern "C" QOV_AS_API uint32_t ASOrchThreadSet(uint32_t *mask, uint32_t count, .
 }
 
 uint32_t ASOrchRegThread(ASOrchHandle *hdl, const ASOrchBasePara *para) {
-    if ((para->threadMask & kDataBit) == 0) {
+    if ((para->threadMask & AS_THREAD_BIT_DATA) == 0) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, set threads fail, has not Data thread", hdl->name);
         return 1;
     }
@@ -86,9 +83,9 @@ uint32_t ASOrchRegThreadBase(ASOrchHandle *hdl, const ASOrchBasePara *para, cons
     uint32_t num = 0;
     if (rowNum != 0 && rows != nullptr) {
         uint32_t further = rowNum - 1 < kMaxKinds - 1 ? rowNum - 1 : kMaxKinds - 1;
-        if ((para->threadMask & kDataBit) != 0) AppendRow(hdl, rows[0], out, &num);
-        if (further >= 1 && (para->threadMask & kSyncBit) != 0) AppendRow(hdl, rows[1], out, &num);
-        if (further >= 2 && (para->threadMask & kEventBit) != 0) AppendRow(hdl, rows[2], out, &num);
+        if ((para->threadMask & AS_THREAD_BIT_DATA) != 0) AppendRow(hdl, rows[0], out, &num);
+        if (further >= 1 && (para->threadMask & AS_THREAD_BIT_SYNC) != 0) AppendRow(hdl, rows[1], out, &num);
+        if (further >= 2 && (para->threadMask & AS_THREAD_BIT_EVENT) != 0) AppendRow(hdl, rows[2], out, &num);
     }
     if (QOV_EAL_RegThread(hdl->ealHdl, out, num) != 0) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, register %u threads fail", hdl->name, num);

@@ -90,6 +90,7 @@ uint32_t ASOrchMsgTransProc(ASOrchHandle *hdl, const ASOrchIpcMsg *msg) {
         return 1;
     }
     if (total < AS_TRANS_HEAD_LEN) {
+        // "zebbrk" is the system's own name for the broker in these lines.
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, recv zebbrk trans msg is error.", hdl->name);
         return 1;
     }

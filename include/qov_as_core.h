@@ -49,6 +49,7 @@ typedef struct ASOrchCreatePara {
     uint32_t ealCreateWord1;  /* handed to the EAL unchanged */
 } ASOrchCreatePara;
 QOV_AS_STATIC_ASSERT(sizeof(ASOrchCreatePara) == 32, "ASOrchCreatePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchCreatePara, memPtNo) == 4, "ASOrchCreatePara layout");
 QOV_AS_STATIC_ASSERT(offsetof(ASOrchCreatePara, memAlloc) == 8, "ASOrchCreatePara layout");
 QOV_AS_STATIC_ASSERT(offsetof(ASOrchCreatePara, memFree) == 16, "ASOrchCreatePara layout");
 QOV_AS_STATIC_ASSERT(offsetof(ASOrchCreatePara, ealCreateWord1) == 24, "ASOrchCreatePara layout");
@@ -78,14 +79,6 @@ typedef struct ASOrchBasePara {
     ASOrchMergePara damMerge;
     ASOrchMergePara fesMerge;
 } ASOrchBasePara;
-QOV_AS_STATIC_ASSERT(sizeof(ASOrchTblMsgList) == 16, "ASOrchTblMsgList layout");
-QOV_AS_STATIC_ASSERT(offsetof(ASOrchTblMsgList, num) == 8, "ASOrchTblMsgList layout");
-QOV_AS_STATIC_ASSERT(sizeof(ASOrchMergePara) == 40, "ASOrchMergePara layout");
-QOV_AS_STATIC_ASSERT(offsetof(ASOrchMergePara, dispatchNum) == 8, "ASOrchMergePara layout");
-QOV_AS_STATIC_ASSERT(offsetof(ASOrchMergePara, hashSize) == 16, "ASOrchMergePara layout");
-QOV_AS_STATIC_ASSERT(offsetof(ASOrchMergePara, hashFunc) == 24, "ASOrchMergePara layout");
-QOV_AS_STATIC_ASSERT(offsetof(ASOrchMergePara, highWater) == 32, "ASOrchMergePara layout");
-QOV_AS_STATIC_ASSERT(offsetof(ASOrchMergePara, lowWater) == 36, "ASOrchMergePara layout");
 QOV_AS_STATIC_ASSERT(offsetof(ASOrchBasePara, modStateRsp) == 8, "ASOrchBasePara layout");
 QOV_AS_STATIC_ASSERT(offsetof(ASOrchBasePara, modStateRspArg) == 16, "ASOrchBasePara layout");
 QOV_AS_STATIC_ASSERT(offsetof(ASOrchBasePara, syncGrpMsgSet) == 24, "ASOrchBasePara layout");

@@ -10,7 +10,9 @@
  *    in the MB role; elsewhere registration succeeds and registers nothing, and
  *    every receive message is dropped as unknown.
  * 3. A received message and its body stay the caller's; the library keeps no
- *    pointer into them once ASOrchMsgProc returns.
+ *    pointer into them once ASOrchMsgProc returns. The body is not read-only
+ *    to the library, though: a transfer message's smoothing run has its first
+ *    smoothing TLV's type word rewritten in place (see ASOrchMsgProc).
  * 4. Feed ASOrchMsgProc from the thread that serves the broker's data channel
  *    (the Data thread), and stop feeding a handle before destroying it. */
 #ifndef QOV_AS_INBOUND_H
@@ -171,9 +173,14 @@ QOV_AS_STATIC_ASSERT(offsetof(ASOrchIpcMsg, msgLen) == 12, "ASOrchIpcMsg layout"
  * registered ipcSize filling msgLen exactly. Serialised: decoded by the
  * registered unpack. An unknown id is dropped with result 0.
  * Transfer message: a 12-byte head whose u32 at offset 8 is the length of the
- * TLV area behind it; the caller guarantees that head and TLV area lie inside
- * the body (msgLen is not consulted for them). Each TLV is {u32 tableId,
- * u32 tlvType, u32 tlvLen, value}. */
+ * TLV area behind it. Each TLV is {u32 tableId, u32 tlvType, u32 tlvLen,
+ * value}. The broker's length words (the area's and each tlvLen) are trusted
+ * only within msgLen: nothing past msgLen bytes of the body is read, a body
+ * shorter than its head is refused (result 1), and a TLV that would cross the
+ * area's end or the body's end stops the walk with a log line.
+ * The body is written in place: for a TLV that carries a smoothing run, the
+ * first smoothing TLV's optType (the u32 at the start of the value) is
+ * replaced by its remapped type before the run is dispatched. */
 QOV_AS_API uint32_t ASOrchMsgProc(ASOrchHandle *hdl, const ASOrchIpcMsg *msg);
 
 /* ---- Channel senders for table handlers ----

@@ -13,6 +13,7 @@
 #ifndef QOV_AS_MERGE_H
 #define QOV_AS_MERGE_H
 
+#include <stddef.h>
 #include <stdint.h>
 #include "qov_as_log.h"
 #include "qov_mergeque.h"
@@ -42,6 +43,14 @@ typedef struct ASOrchMergeMsgVec {
     uint32_t version;
     ASOrchHandle *usrData; /* set by the write path; its memFree frees key */
 } ASOrchMergeMsgVec;
+QOV_AS_STATIC_ASSERT(sizeof(ASOrchMergeMsgVec) == 56, "ASOrchMergeMsgVec layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchMergeMsgVec, opType) == 4, "ASOrchMergeMsgVec layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchMergeMsgVec, key) == 8, "ASOrchMergeMsgVec layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchMergeMsgVec, keySize) == 16, "ASOrchMergeMsgVec layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchMergeMsgVec, data) == 24, "ASOrchMergeMsgVec layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchMergeMsgVec, dataSize) == 32, "ASOrchMergeMsgVec layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchMergeMsgVec, version) == 40, "ASOrchMergeMsgVec layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchMergeMsgVec, usrData) == 48, "ASOrchMergeMsgVec layout");
 
 /* Handler of a merged message; 0 for success. */
 typedef uint32_t (*ASOrchMergeMsgProc)(ASOrchHandle *hdl, ASOrchMergeMsgVec *vec);
@@ -50,6 +59,8 @@ typedef struct ASOrchMergeMsgDispatch {
     uint32_t msgId;
     ASOrchMergeMsgProc msgProc[AS_ORCH_OP_NUM]; /* index = opType */
 } ASOrchMergeMsgDispatch;
+QOV_AS_STATIC_ASSERT(sizeof(ASOrchMergeMsgDispatch) == 40, "ASOrchMergeMsgDispatch layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchMergeMsgDispatch, msgProc) == 8, "ASOrchMergeMsgDispatch layout");
 
 /* Merge sub-record of the base-registration record, one per path. */
 typedef struct ASOrchMergePara {
@@ -60,12 +71,21 @@ typedef struct ASOrchMergePara {
     uint32_t highWater;         /* 0: 65536 */
     uint32_t lowWater;          /* 0: 8192 */
 } ASOrchMergePara;
+QOV_AS_STATIC_ASSERT(sizeof(ASOrchMergePara) == 40, "ASOrchMergePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchMergePara, dispatchNum) == 8, "ASOrchMergePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchMergePara, hashSize) == 16, "ASOrchMergePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchMergePara, hashFunc) == 24, "ASOrchMergePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchMergePara, highWater) == 32, "ASOrchMergePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchMergePara, lowWater) == 36, "ASOrchMergePara layout");
 
 typedef struct ASOrchMergeRule {
     uint32_t storedOp;
     uint32_t incomingOp;
     uint32_t mergedOp;
 } ASOrchMergeRule;
+QOV_AS_STATIC_ASSERT(sizeof(ASOrchMergeRule) == 12, "ASOrchMergeRule layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchMergeRule, incomingOp) == 4, "ASOrchMergeRule layout");
+QOV_AS_STATIC_ASSERT(offsetof(ASOrchMergeRule, mergedOp) == 8, "ASOrchMergeRule layout");
 
 QOV_AS_API extern const ASOrchMergeRule g_ASOrchMergeRules[];
 QOV_AS_API extern const uint32_t g_ASOrchMergeRulesNum;

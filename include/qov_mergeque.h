@@ -13,6 +13,7 @@
 #ifndef QOV_MERGEQUE_H
 #define QOV_MERGEQUE_H
 
+#include <stddef.h>
 #include <stdint.h>
 #include "qov_as_log.h"
 
@@ -51,6 +52,17 @@ typedef struct MergeQueCreatePara {
     MergeQueSchedFunc schedFunc;
     MergeQueMergeFunc mergeFunc;
 } MergeQueCreatePara;
+QOV_AS_STATIC_ASSERT(sizeof(MergeQueCreatePara) == 80, "MergeQueCreatePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(MergeQueCreatePara, freeFunc) == 8, "MergeQueCreatePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(MergeQueCreatePara, memPtNo) == 16, "MergeQueCreatePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(MergeQueCreatePara, dataSize) == 20, "MergeQueCreatePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(MergeQueCreatePara, hashSize) == 24, "MergeQueCreatePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(MergeQueCreatePara, hashFunc) == 32, "MergeQueCreatePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(MergeQueCreatePara, cmpFunc) == 40, "MergeQueCreatePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(MergeQueCreatePara, epFd) == 48, "MergeQueCreatePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(MergeQueCreatePara, getKeyPtr) == 56, "MergeQueCreatePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(MergeQueCreatePara, schedFunc) == 64, "MergeQueCreatePara layout");
+QOV_AS_STATIC_ASSERT(offsetof(MergeQueCreatePara, mergeFunc) == 72, "MergeQueCreatePara layout");
 
 typedef struct MergeQueMonitorAttr {
     uint32_t highWater;
@@ -58,6 +70,10 @@ typedef struct MergeQueMonitorAttr {
     uint64_t usrData;
     MergeQueFlowCtrlNotify flowCtrlNotify;
 } MergeQueMonitorAttr;
+QOV_AS_STATIC_ASSERT(sizeof(MergeQueMonitorAttr) == 24, "MergeQueMonitorAttr layout");
+QOV_AS_STATIC_ASSERT(offsetof(MergeQueMonitorAttr, lowWater) == 4, "MergeQueMonitorAttr layout");
+QOV_AS_STATIC_ASSERT(offsetof(MergeQueMonitorAttr, usrData) == 8, "MergeQueMonitorAttr layout");
+QOV_AS_STATIC_ASSERT(offsetof(MergeQueMonitorAttr, flowCtrlNotify) == 16, "MergeQueMonitorAttr layout");
 
 /* A row of a statistics description table. */
 typedef struct MergeQueStatDesc {
@@ -65,6 +81,9 @@ typedef struct MergeQueStatDesc {
     const char *text;
     uint32_t stampFlag;
 } MergeQueStatDesc;
+QOV_AS_STATIC_ASSERT(sizeof(MergeQueStatDesc) == 24, "MergeQueStatDesc layout");
+QOV_AS_STATIC_ASSERT(offsetof(MergeQueStatDesc, text) == 8, "MergeQueStatDesc layout");
+QOV_AS_STATIC_ASSERT(offsetof(MergeQueStatDesc, stampFlag) == 16, "MergeQueStatDesc layout");
 
 #define MERGE_QUE_STAT_NUM 4u
 #define MERGE_QUE_READER_STAT_NUM 11u

@@ -5,22 +5,6 @@
 
 #include "merge/merge_private.h"
 
-static_assert(sizeof(ASOrchMergeMsgVec) == 56);
-static_assert(offsetof(ASOrchMergeMsgVec, key) == 8);
-static_assert(offsetof(ASOrchMergeMsgVec, keySize) == 16);
-static_assert(offsetof(ASOrchMergeMsgVec, data) == 24);
-static_assert(offsetof(ASOrchMergeMsgVec, dataSize) == 32);
-static_assert(offsetof(ASOrchMergeMsgVec, version) == 40);
-static_assert(offsetof(ASOrchMergeMsgVec, usrData) == 48);
-static_assert(sizeof(ASOrchMergeMsgDispatch) == 40);
-static_assert(offsetof(ASOrchMergeMsgDispatch, msgProc) == 8);
-static_assert(sizeof(ASOrchMergePara) == 40);
-static_assert(offsetof(ASOrchMergePara, hashSize) == 16);
-static_assert(offsetof(ASOrchMergePara, hashFunc) == 24);
-static_assert(offsetof(ASOrchMergePara, highWater) == 32);
-static_assert(offsetof(ASOrchMergePara, lowWater) == 36);
-static_assert(sizeof(ASOrchMergeRule) == 12);
-
 namespace {
 constexpr uint32_t kAgeInfoOp = 3;
 }  // namespace

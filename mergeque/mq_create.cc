@@ -35,7 +35,7 @@ extern "C" {
 
 uint32_t QOV_MergeQueGlbInit(const char *name) {
     if (pthread_mutex_lock(&g_qovMergeQueGlbCb.glbInitMutex) != 0) {
-        QOV_AUTOSYNC_QovLog(1, "[QOV_MERGE_QUE Create] %s glb init failed.", name);
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MERGE_QUE Create] %s glb init failed.", name);
         return 1;
     }
     if (g_qovMergeQueGlbCb.initFlag == 0) {
@@ -49,15 +49,15 @@ uint32_t QOV_MergeQueGlbInit(const char *name) {
 uint32_t QOV_MergeQueCreateCheck(const char *name, const MergeQueCreatePara *para) {
     if (QOV_MergeQueGlbInit(name) != 0) return 1;
     if (para->mallocFunc == nullptr || para->freeFunc == nullptr) {
-        QOV_AUTOSYNC_QovLog(1, "[QOV_MERGE_QUE Create] %s para mem func invalid.", name);
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MERGE_QUE Create] %s para mem func invalid.", name);
         return 1;
     }
     if (para->hashFunc == nullptr || para->cmpFunc == nullptr || para->getKeyPtr == nullptr) {
-        QOV_AUTOSYNC_QovLog(1, "[QOV_MQUE Create] %s para hash func invalid.", name);
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MQUE Create] %s para hash func invalid.", name);
         return 1;
     }
     if (para->epFd < 0) {
-        QOV_AUTOSYNC_QovLog(1, "[QOV_MERGE_QUE Create] %s para epFd invalid.", name);
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MERGE_QUE Create] %s para epFd invalid.", name);
         return 1;
     }
     return 0;
@@ -67,16 +67,16 @@ uint32_t QOV_MergeQueCreateCheck(const char *name, const MergeQueCreatePara *par
 // finds a queue by name from then on and reads all of it.
 uint32_t QOV_Merge_Init(const char *name, MergeQueCtrlBlk *mque, const MergeQueCreatePara *para) {
     if (strcpy_s(mque->name, sizeof mque->name, name) != 0) {
-        QOV_AUTOSYNC_QovLog(1, "[QOV_MERGE_QUE Create] %s strcpy Fail", name);
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MERGE_QUE Create] %s strcpy Fail", name);
         return 1;
     }
     mque->para = *para;
     if (QOV_MergeQueHashCreate(mque) != 0 || QOV_MergeQueReaderInit(mque) != 0) {
-        QOV_AUTOSYNC_QovLog(1, "[QOV_MERGE_QUE Create] %s hash create Fail", name);
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MERGE_QUE Create] %s hash create Fail", name);
         return 1;
     }
     if (QOV_MergeQueNameTreeInsert(mque) != 0) {
-        QOV_AUTOSYNC_QovLog(1, "[QOV_MERGE_QUE Create] %s nameInsert Fail", name);
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MERGE_QUE Create] %s nameInsert Fail", name);
         return 1;
     }
     return 0;
@@ -84,32 +84,32 @@ uint32_t QOV_Merge_Init(const char *name, MergeQueCtrlBlk *mque, const MergeQueC
 
 QOV_AS_API MergeQueCtrlBlk *QOV_MergeQueCreate(const char *name, const MergeQueCreatePara *para) {
     if (name == nullptr || para == nullptr) {
-        QOV_AUTOSYNC_QovLog(1, "[QOV_MERGE_QUE Create] para is null, name: %u, para: %u.", name == nullptr ? 1u : 0u,
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MERGE_QUE Create] para is null, name: %u, para: %u.", name == nullptr ? 1u : 0u,
                             para == nullptr ? 1u : 0u);
         return nullptr;
     }
     if (QOV_MergeQueCreateCheck(name, para) != 0) return nullptr;
     if (QOV_MergeQueNameTreeFind(name) != nullptr) {
-        QOV_AUTOSYNC_QovLog(1, "[QOV_MERGE_QUE Create] create Fail because find %s exist!", name);
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MERGE_QUE Create] create Fail because find %s exist!", name);
         return nullptr;
     }
     auto *mque = static_cast<MergeQueCtrlBlk *>(para->mallocFunc(sizeof(MergeQueCtrlBlk)));
     if (mque == nullptr) {
-        QOV_AUTOSYNC_QovLog(1, "[QOV_MERGE_QUE Create] malloc Fail");
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MERGE_QUE Create] malloc Fail");
         return nullptr;
     }
     if (memset_s(mque, sizeof *mque, 0, sizeof *mque) != 0) {
         para->freeFunc(mque);
-        QOV_AUTOSYNC_QovLog(1, "[QOV_MERGE_QUE Create] %s init Fail", name);
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MERGE_QUE Create] %s init Fail", name);
         return nullptr;
     }
     mque->reader.eventFd = -1;  // no descriptor yet; a cleared 0 would name stdin
     if (QOV_Merge_Init(name, mque, para) != 0) {
-        QOV_AUTOSYNC_QovLog(1, "[QOV_MERGE_QUE Create] %s init Fail", name);
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MERGE_QUE Create] %s init Fail", name);
         MqCreateUndo(mque, para);
         return nullptr;
     }
-    QOV_AUTOSYNC_QovLog(0, "[QOV_MERGE_QUE Create] %s ok", name);
+    QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "[QOV_MERGE_QUE Create] %s ok", name);
     return mque;
 }
 
@@ -121,9 +121,9 @@ QOV_AS_API uint32_t QOV_MergeQueDestory(MergeQueCtrlBlk *mque) {
     MqNameTreeUnlink(mque);
     MqReaderRelease(mque);
     if (mque->reader.itemCnt != 0) {
-        QOV_AUTOSYNC_QovLog(1, "[QOV_MERGE_QUE Destroy] %s reader list is not empty!", mque->name);
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MERGE_QUE Destroy] %s reader list is not empty!", mque->name);
     }
-    QOV_AUTOSYNC_QovLog(0, "%s NameTreeDelete.", mque->name);
+    QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "%s NameTreeDelete.", mque->name);
     QOV_MergeQueHashDelete(mque);
     mque->para.freeFunc(mque);
     return 0;
@@ -136,7 +136,7 @@ uint32_t QOV_MergeQueHashCreate(MergeQueCtrlBlk *mque) {
                                               mque->para.hashFunc, QOV_MergeQueHashCmpFunc, 0);
     }
     if (mque->hash == nullptr) {
-        QOV_AUTOSYNC_QovLog(1, "[QOV_MERGE_QUE HashCreate] %s hash new Fail", mque->name);
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MERGE_QUE HashCreate] %s hash new Fail", mque->name);
         return 1;
     }
     return 0;

@@ -22,7 +22,7 @@ void QOV_MergeQueNameTreeInit(void) {
 
 MergeQueCtrlBlk *QOV_MergeQueNameTreeFind(const char *name) {
     if (pthread_mutex_lock(&g_qovMergeQueGlbCb.nameTreeMutex) != 0) {
-        QOV_AUTOSYNC_QovLog(1, "%s mutex lock nameTreeMutex failed.", name);
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s mutex lock nameTreeMutex failed.", name);
         return nullptr;
     }
     auto *mque = static_cast<MergeQueCtrlBlk *>(
@@ -38,7 +38,7 @@ uint32_t QOV_MergeQueNameTreeInsert(MergeQueCtrlBlk *mque) {
                                           &g_qovMergeQueGlbCb.treeInfo);
     pthread_mutex_unlock(&g_qovMergeQueGlbCb.nameTreeMutex);
     if (found != nullptr) {
-        QOV_AUTOSYNC_QovLog(1, "%s NameTreeInsert %s.", mque->name, "Fail");
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s NameTreeInsert %s.", mque->name, "Fail");
         return 1;
     }
     return 0;
@@ -51,7 +51,7 @@ uint32_t QOV_MergeQueNameTreeDelete(const char *name) {
         YAV_AVL3_Find(&g_qovMergeQueGlbCb.nameTree, name, &g_qovMergeQueGlbCb.treeInfo));
     if (mque != nullptr) YAV_AVL3_Delete(&g_qovMergeQueGlbCb.nameTree, &mque->nameNode);
     pthread_mutex_unlock(&g_qovMergeQueGlbCb.nameTreeMutex);
-    QOV_AUTOSYNC_QovLog(0, "%s NameTreeDelete.", name);
+    QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "%s NameTreeDelete.", name);
     return 0;
 }
 

@@ -36,24 +36,24 @@ void RegUnlock(MergeQueCtrlBlk *mque) { Ctl(mque).fetch_and(~kMqCtlRegLock, std:
 uint32_t EpollRegLocked(MergeQueCtrlBlk *mque, uint32_t ctl) {
     MergeQueReader &rd = mque->reader;
     if ((ctl & kMqCtlStopped) != 0) {
-        QOV_AUTOSYNC_QovLog(1, "%s reader is stopped, epoll reg refused.", mque->name);
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s reader is stopped, epoll reg refused.", mque->name);
         return 1;
     }
     if (rd.eventFd == -1) rd.eventFd = eventfd_s(0, kEventFdFlags);
     if (rd.eventFd < 0) {
-        QOV_AUTOSYNC_QovLog(1, "%s Create Eventfd Fail, errno=%d", mque->name, errno);
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s Create Eventfd Fail, errno=%d", mque->name, errno);
         return 1;
     }
     if (rd.epollReg == 1) {
-        QOV_AUTOSYNC_QovLog(1, "%s has add epoll.", mque->name);
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s has add epoll.", mque->name);
         return 1;
     }
     if (QOV_EPOLL_Add(mque->para.epFd, rd.eventFd, QOV_EPOLL_IN, QOV_MergeQueSchedProc, mque) != 0) {
-        QOV_AUTOSYNC_QovLog(1, "%s failed to add epoll", mque->name);
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s failed to add epoll", mque->name);
         return 1;
     }
     rd.epollReg = 1;
-    QOV_AUTOSYNC_QovLog(0, "%s epoll reg, epfd = %d, quefd = %d.", mque->name, mque->para.epFd, rd.eventFd);
+    QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "%s epoll reg, epfd = %d, quefd = %d.", mque->name, mque->para.epFd, rd.eventFd);
     return 0;
 }
 
@@ -72,7 +72,7 @@ uint32_t QOV_MergeQueEpollReg(MergeQueCtrlBlk *mque) {
 void QOV_MergeQueEpollUnReg(MergeQueCtrlBlk *mque) {
     MergeQueReader &rd = mque->reader;
     (void)RegLock(mque);
-    QOV_AUTOSYNC_QovLog(0, "epfd unreg, epfd = %d(%u), quefd = %d.", mque->para.epFd, rd.epollReg, rd.eventFd);
+    QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "epfd unreg, epfd = %d(%u), quefd = %d.", mque->para.epFd, rd.epollReg, rd.eventFd);
     if (rd.epollReg == 1) {
         QOV_EPOLL_DEL(mque->para.epFd, rd.eventFd);
         rd.epollReg = 0;
@@ -93,7 +93,7 @@ uint32_t QOV_MergeQueSchedProc(int32_t fd, uint32_t events, void *usrData) {
     uint32_t ret = 0;
     eventfd_t value = 0;
     if (eventfd_read(fd, &value) < 0) {
-        QOV_AUTOSYNC_QovLog(1, "merge queue %s Fail To Sched, errno=%d", mque->name, errno);
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "merge queue %s Fail To Sched, errno=%d", mque->name, errno);
         ret = 1;
     } else if (mque->para.schedFunc != nullptr) {
         mque->para.schedFunc(mque);
@@ -109,17 +109,17 @@ void QOV_MergeQueNotifyByRead(MergeQueCtrlBlk *mque) {
 
 uint32_t QOV_MergeQueMonitorCheck(const MergeQueCtrlBlk *mque, const MergeQueMonitorAttr *attr) {
     if (mque == nullptr || attr == nullptr) {
-        QOV_AUTOSYNC_QovLog(1, "MonitorReg failed, para is null, mqueHandle: %u, monitorAttr: %u.",
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "MonitorReg failed, para is null, mqueHandle: %u, monitorAttr: %u.",
                             mque == nullptr ? 1u : 0u, attr == nullptr ? 1u : 0u);
         return 1;
     }
     if (attr->highWater <= attr->lowWater) {
-        QOV_AUTOSYNC_QovLog(1, "merge queue %s MonitorReg failed, highWater(%u) less than lowWater(%u).",
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "merge queue %s MonitorReg failed, highWater(%u) less than lowWater(%u).",
                             mque->name, attr->highWater, attr->lowWater);
         return 1;
     }
     if (attr->flowCtrlNotify == nullptr) {
-        QOV_AUTOSYNC_QovLog(1, "merge queue %s MonitorReg failed, flowCtrlNotify is null.", mque->name);
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "merge queue %s MonitorReg failed, flowCtrlNotify is null.", mque->name);
         return 1;
     }
     return 0;
@@ -136,7 +136,7 @@ QOV_AS_API uint32_t QOV_MergeQueMonitorReg(MergeQueCtrlBlk *mque, const MergeQue
     mque->monitor.usrData = attr->usrData;
     mque->monitor.overLoad = 0;
     if (locked) pthread_mutex_unlock(&g_qovMergeQueGlbCb.nameTreeMutex);
-    QOV_AUTOSYNC_QovLog(0, "merge queue %s MonitorReg ok.", mque->name);
+    QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "merge queue %s MonitorReg ok.", mque->name);
     return 0;
 }
 
@@ -158,28 +158,28 @@ void QOV_MergeQueMonitorRemove(MergeQueCtrlBlk *mque) {
 
 QOV_AS_API uint32_t QOV_MergeQueBackPress(MergeQueCtrlBlk *mque, uint64_t ctx) {
     if (mque == nullptr) {
-        QOV_AUTOSYNC_QovLog(1, "merge queue BackPress failed, handle is null.");
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "merge queue BackPress failed, handle is null.");
         return 1;
     }
     QOV_MergeQueEpollUnReg(mque);
     mque->reader.backPressCtx = ctx;
     MqCountReaderStat(mque, MQ_RSTAT_BACK_PRESS);
-    QOV_AUTOSYNC_QovLog(0, "merge queue %s BackPress ok.", mque->name);
+    QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "merge queue %s BackPress ok.", mque->name);
     return 0;
 }
 
 QOV_AS_API uint32_t QOV_MergeQueUnBackPress(MergeQueCtrlBlk *mque, uint64_t *ctx) {
     if (mque == nullptr) {
-        QOV_AUTOSYNC_QovLog(1, "merge queue UnbackPress failed, handle is null.");
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "merge queue UnbackPress failed, handle is null.");
         return 1;
     }
     if (QOV_MergeQueEpollReg(mque) != 0) {
-        QOV_AUTOSYNC_QovLog(1, "merge queue %s UnbackPress failed.", mque->name);
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "merge queue %s UnbackPress failed.", mque->name);
         return 1;
     }
     if (ctx != nullptr) *ctx = mque->reader.backPressCtx;
     MqCountReaderStat(mque, MQ_RSTAT_UNBACK_PRESS);
-    QOV_AUTOSYNC_QovLog(0, "merge queue %s UnbackPress ok.", mque->name);
+    QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "merge queue %s UnbackPress ok.", mque->name);
     return 0;
 }
 
@@ -192,7 +192,7 @@ void QOV_MergeQueStopReader(MergeQueCtrlBlk *mque) {
     uint32_t wasReg = rd.epollReg;
     rd.epollReg = 0;
     RegUnlock(mque);
-    QOV_AUTOSYNC_QovLog(0, "epfd unreg, epfd = %d(%u), quefd = %d.", mque->para.epFd, wasReg, rd.eventFd);
+    QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "epfd unreg, epfd = %d(%u), quefd = %d.", mque->para.epFd, wasReg, rd.eventFd);
     // The removal waits for a dispatch of the registration running on another
     // thread; one whose handler has already pressed the queue out of the set
     // is waited for by its running mark.

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/base/as_log_level.h"
 #include "qov_mergeque.h"
 #include "qov_utils_base.h"
 
@@ -152,29 +153,6 @@ struct MergeQueGlbCb {
     pthread_mutex_t glbInitMutex;
     pthread_mutex_t nameTreeMutex;
 };
-
-// Layouts shared with callers.
-static_assert(sizeof(MergeQueCreatePara) == 80);
-static_assert(offsetof(MergeQueCreatePara, mallocFunc) == 0);
-static_assert(offsetof(MergeQueCreatePara, freeFunc) == 8);
-static_assert(offsetof(MergeQueCreatePara, memPtNo) == 16);
-static_assert(offsetof(MergeQueCreatePara, dataSize) == 20);
-static_assert(offsetof(MergeQueCreatePara, hashSize) == 24);
-static_assert(offsetof(MergeQueCreatePara, hashFunc) == 32);
-static_assert(offsetof(MergeQueCreatePara, cmpFunc) == 40);
-static_assert(offsetof(MergeQueCreatePara, epFd) == 48);
-static_assert(offsetof(MergeQueCreatePara, getKeyPtr) == 56);
-static_assert(offsetof(MergeQueCreatePara, schedFunc) == 64);
-static_assert(offsetof(MergeQueCreatePara, mergeFunc) == 72);
-static_assert(sizeof(MergeQueMonitorAttr) == 24);
-static_assert(offsetof(MergeQueMonitorAttr, highWater) == 0);
-static_assert(offsetof(MergeQueMonitorAttr, lowWater) == 4);
-static_assert(offsetof(MergeQueMonitorAttr, usrData) == 8);
-static_assert(offsetof(MergeQueMonitorAttr, flowCtrlNotify) == 16);
-static_assert(sizeof(MergeQueStatDesc) == 24);
-static_assert(offsetof(MergeQueStatDesc, id) == 0);
-static_assert(offsetof(MergeQueStatDesc, text) == 8);
-static_assert(offsetof(MergeQueStatDesc, stampFlag) == 16);
 
 extern "C" {
 

@@ -15,7 +15,7 @@ inline void MqTakeOut(MergeQueCtrlBlk *mque, MergeQueEntry *entry) {
 // would take the entry the outer walk goes on with. Such a read is refused.
 inline bool MqReadBegin(MergeQueCtrlBlk *mque) {
     if (mque->reader.reading != 0) {
-        QOV_AUTOSYNC_QovLog(1, "%s read refused, the queue is already being read.", mque->name);
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s read refused, the queue is already being read.", mque->name);
         return false;
     }
     mque->reader.reading = 1;
@@ -49,7 +49,7 @@ void QOV_MergeQueDetachMsgList(MergeQueCtrlBlk *mque, MergeQueEntry *entry) {
 uint32_t QOV_MergeQueRemoveHash(MergeQueCtrlBlk *mque, MergeQueEntry *entry) {
     const void *key = mque->para.getKeyPtr(MqEntryData(entry));
     if (LITE_HASH_RemoveNodeByKey(mque->hash, key) == nullptr) {
-        QOV_AUTOSYNC_QovLog(1, "%s failed to remove HashNode!", mque->name);
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s failed to remove HashNode!", mque->name);
         return 1;
     }
     return 0;
@@ -98,7 +98,7 @@ uint32_t QOV_MergeQueReadToCallBack(MergeQueCtrlBlk *mque, uint32_t maxCount, Me
         MqTakeOut(mque, entry);
         ++read;
         if (func(MqEntryData(entry), mque->para.dataSize, usrData) != 0) {
-            QOV_AUTOSYNC_QovLog(1, "%s read %u msgVec callBack proc failed!", mque->name, read);
+            QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s read %u msgVec callBack proc failed!", mque->name, read);
         }
         LITE_HASH_FreeData(mque->hash, entry);
     }

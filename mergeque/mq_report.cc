@@ -54,7 +54,7 @@ QOV_AS_API uint32_t QOV_PrintMergeQueInfo(const char *name, char *buf, uint32_t 
     // concurrent destruction (which takes the queue out of the tree first)
     // cannot release it underneath.
     if (pthread_mutex_lock(&g_qovMergeQueGlbCb.nameTreeMutex) != 0) {
-        QOV_AUTOSYNC_QovLog(1, "%s mutex lock nameTreeMutex failed.", name);
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s mutex lock nameTreeMutex failed.", name);
         return 0;
     }
     const auto *mque = static_cast<const MergeQueCtrlBlk *>(

@@ -37,7 +37,7 @@ inline uint32_t MqWrite(MergeQueCtrlBlk *mque, const void *key, void *record) {
 
 __attribute__((noinline, cold)) uint32_t MqWriteRefused(const MergeQueCtrlBlk *mque, const void *key,
                                                         const void *record) {
-    QOV_AUTOSYNC_QovLog(1, "merge queue write failed, mqueHandle: %u, key: %u, record: %u.",
+    QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "merge queue write failed, mqueHandle: %u, key: %u, record: %u.",
                         mque == nullptr ? 1u : 0u, key == nullptr ? 1u : 0u, record == nullptr ? 1u : 0u);
     return 1;
 }
@@ -65,7 +65,7 @@ void QOV_MergeQueMergeWrite(MergeQueCtrlBlk *mque, void *record, MergeQueEntry *
 uint32_t QOV_MergeQueNewWrite(MergeQueCtrlBlk *mque, const void *key, const void *record) {
     MergeQueEntry *entry = QOV_MergeQueNewHashData(mque, key, record);
     if (entry == nullptr) {
-        QOV_AUTOSYNC_QovLog(1, "%s failed to new hashNode", mque->name);
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s failed to new hashNode", mque->name);
         MqCountReaderStat(mque, MQ_RSTAT_FAIL_WRITE);
         return 1;
     }
@@ -84,7 +84,7 @@ MergeQueEntry *QOV_MergeQueNewHashData(MergeQueCtrlBlk *mque, const void *key, c
     entry->link.prev = &entry->link;
     MqCopyRecord(MqEntryData(entry), record, mque->para.dataSize);
     if (LITE_HASH_AddNode(mque->hash, key, entry, 0) != 0) {
-        QOV_AUTOSYNC_QovLog(1, "%s failed to hash addNode", mque->name);
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s failed to hash addNode", mque->name);
         LITE_HASH_FreeData(mque->hash, entry);
         return nullptr;
     }

@@ -31,6 +31,8 @@ typedef struct QOV_EAL_CreatePara {
     uint64_t rsv1;
 } QOV_EAL_CreatePara;
 QOV_EAL_STATIC_ASSERT(sizeof(QOV_EAL_CreatePara) == 40, "EAL creation record is 40 bytes");
+QOV_EAL_STATIC_ASSERT(offsetof(QOV_EAL_CreatePara, createWord0) == 4 && offsetof(QOV_EAL_CreatePara, createWord1) == 8,
+                      "creation words at 4 and 8");
 QOV_EAL_STATIC_ASSERT(offsetof(QOV_EAL_CreatePara, memAlloc) == 16 && offsetof(QOV_EAL_CreatePara, memFree) == 24,
                       "memory functions at 16 and 24");
 

@@ -71,7 +71,7 @@ uint32_t ASOrchTransTblSmooth(ASOrchHandle *hdl, const ASOrchTransTlv *tlv, cons
     if (value.size() >= sizeof(ASOrchSmoothTlvHead)) {
         uint32_t type = 0;
         ASOrchTransTblSmoothGetTlvAndBatchType(LoadU32(value.data()), &type, &batchType);
-        std::memcpy(value.data(), &type, sizeof(type));
+        std::memcpy(value.data(), &type, sizeof(type));  // in the caller's body: its header says so
     }
     // A value of 2 GiB or more counts as negative: refused untouched.
     int32_t remaining = static_cast<int32_t>(static_cast<uint32_t>(value.size()));

@@ -54,12 +54,12 @@ void Slots(const TblMsgCtrlTrans *ctrl, const ASOrchSmoothTlvHead &h, uint32_t b
     }
 }
 
-// 0 when length is the type's fixed length and fits in remaining, else 1 (logged).
-uint32_t ASOrchSmoothMsgCheck(const ASOrchSmoothTlvHead *head, uint32_t fixedLen, uint32_t remaining) {
-    if (head->length == fixedLen && head->length <= remaining) return 0;
+// Whether length is the type's fixed length and fits in remaining (logged when not).
+bool SmoothMsgFits(const ASOrchSmoothTlvHead *head, uint32_t fixedLen, uint32_t remaining) {
+    if (head->length == fixedLen && head->length <= remaining) return true;
     QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "smooth check msgSize failed. tableId = %u, optType = %u, length = %u, msgSize = %u",
                         head->tableId, head->optType, head->length, fixedLen);
-    return 1;
+    return false;
 }
 
 // Platform entries of the begin/end classes; begin and end are told apart by optType.
@@ -108,7 +108,7 @@ template <class Rec, class Entry5, class Entry4>
 int32_t Proc(std::span<const uint8_t> tlv, uint32_t fixedLen, const TblMsgCtrlTrans *ctrl, uint32_t batchType,
              bool recToCallbacks, Entry5 entry5, Entry4 entry4) {
     ASOrchSmoothTlvHead h = Head(tlv);
-    if (ASOrchSmoothMsgCheck(&h, fixedLen, static_cast<uint32_t>(tlv.size())) != 0) return -1;
+    if (!SmoothMsgFits(&h, fixedLen, static_cast<uint32_t>(tlv.size()))) return -1;
     Rec rec{};
     if constexpr (!std::is_empty_v<Rec>) rec = Build<Rec>(tlv, fixedLen);
     Slots(ctrl, h, batchType, recToCallbacks ? &rec : nullptr, recToCallbacks ? sizeof(Rec) : 0,

@@ -1,18 +1,16 @@
 // The default sync-group items and the advanced settings that base
 // registration applies to them.
 #include "qov_utils_eal.h"
-#include "syncgrp/syncgrp_internal.h"
+#include "syncgrp/syncgrp_private.h"
 
 namespace {
 
-constexpr uint32_t kAllLow30 = 0x3FFFFFFFu;
-
 // Kinds 0 and 2 carry the verification words; 1 and 3 leave them to the EAL.
 constexpr ASOrchSyncGrpItem VerifyingItem(uint32_t kind, uint32_t logic, uint32_t comm) {
-    return {kind, 1, 30, logic, comm, 0, kAllLow30, 1, 100, 1, 2000, 50, 50, 0, nullptr};
+    return {kind, 1, 30, logic, comm, 0, AS_ALL_LOW30, 1, 100, 1, 2000, 50, 50, 0, nullptr};
 }
 constexpr ASOrchSyncGrpItem PlainItem(uint32_t kind, uint32_t logic, uint32_t comm) {
-    return {kind, 6, 1, logic, comm, 0, kAllLow30, 0, 0, 0, 0, 0, 0, 0, nullptr};
+    return {kind, 6, 1, logic, comm, 0, AS_ALL_LOW30, 0, 0, 0, 0, 0, 0, 0, nullptr};
 }
 
 // The setters' common refusal: 1 and a line for a null handle or a kind above 3.

@@ -1,13 +1,9 @@
 // Lookups of the handle's sync-group resource.
-#include "syncgrp/syncgrp_internal.h"
-
-namespace {
-constexpr char kNoName[] = "UNKONWN";  // stands for the name of a null handle
-}  // namespace
+#include "syncgrp/syncgrp_private.h"
 
 ASOrchSyncGrpRes *ASOrchGroupGetRes(ASOrchHandle *hdl) {
     if (hdl == nullptr) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Orch autosync msg Fail, handle is Null", kNoName);
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Orch autosync msg Fail, handle is Null", AS_NULL_HANDLE_NAME);
         return nullptr;
     }
     if (hdl->syncGrpRes == nullptr) {
@@ -22,7 +18,7 @@ uint32_t ASOrchGetSyncGrpId(ASOrchHandle *hdl, uint32_t kind) {
     ASOrchSyncGrpRes *res = ASOrchGroupGetRes(hdl);
     if (res == nullptr) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Orch autosync sync group res is NULL",
-                            hdl != nullptr ? hdl->name : kNoName);
+                            hdl != nullptr ? hdl->name : AS_NULL_HANDLE_NAME);
         return AS_SYNC_GRP_ID_NONE;
     }
     return res->grpId[kind];

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "qov_utils_eal.h"
-#include "syncgrp/syncgrp_internal.h"
+#include "syncgrp/syncgrp_private.h"
 
 // The library's items and flow-control records are handed to the EAL by address.
 static_assert(sizeof(QOV_EAL_SyncGrpItem) == sizeof(ASOrchSyncGrpItem));
@@ -18,8 +18,6 @@ namespace {
 
 constexpr uint32_t kKinds = AS_ORCH_SYNC_GRP_KIND_NUM;
 constexpr uint32_t kItemsSize = sizeof(ASOrchSyncGrpItem) * kKinds;
-constexpr uint32_t kSyncBit = 1u << QOV_EAL_THREAD_SYNC;
-constexpr uint32_t kEventBit = 1u << QOV_EAL_THREAD_EVENT;
 
 // Flow control of kind 0 when the orchestrator set none.
 constexpr ASOrchSyncGrpFlowCtl kDefaultFlowCtl = {{0, 0, 0, 0, 0, 0, 65536, 51200, 25600, 0, 0, 0}};
@@ -39,19 +37,6 @@ const QOV_EAL_SyncGrpFlowCtl *EalFlowCtl(const ASOrchSyncGrpFlowCtl *f) {
     return reinterpret_cast<const QOV_EAL_SyncGrpFlowCtl *>(f);
 }
 
-}  // namespace
-
-uint32_t ASOrchRegSyncGrpBase(ASOrchHandle *hdl, const ASOrchBasePara *para) {
-    if (ASOrchMallocGrpRes(hdl) != 0) return 1;
-    if (ASOrchSyncGrpSetBase(hdl, para) != 0 || ASOrchSyncGrpMsgSetBase(hdl, para) != 0) {
-        ASOrchFreeGrpRes(hdl);
-        return 1;
-    }
-    (void)ASOrchSetSynGrpFlowCtrl(hdl);  // flow control is the EAL's advice; its refusal fails nothing
-    QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "%s, Orch auto sync Register SyncGroup base ok.", hdl->name);
-    return 0;
-}
-
 uint32_t ASOrchMallocGrpRes(ASOrchHandle *hdl) {
     if (hdl->syncGrpRes != nullptr) {
         QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "%s, Register Orch autosync syncGrpRes exist", hdl->name);
@@ -68,19 +53,61 @@ uint32_t ASOrchMallocGrpRes(ASOrchHandle *hdl) {
     return 0;
 }
 
-uint32_t ASOrchSyncGrpSetBase(ASOrchHandle *hdl, const ASOrchBasePara *para) {
-    ASOrchSyncGrpItem *items = nullptr;
-    uint32_t count = 0;
-    if (ASOrchSetBaseSynGrpPara(hdl, para, &items, &count) != 0 || items == nullptr) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "Calc SyncGroup Fail.");
-        return 1;
+void ASOrchSetUserDefSyncGrpPara(ASOrchHandle *hdl, ASOrchSyncGrpItem *items) {
+    for (uint32_t k = 0; k < kKinds; ++k) {
+        const ASOrchAdvSynGrp &adv = hdl->advSynGrp[k];
+        if (adv.verifyInterval != 0) items[k].verifyInterval = adv.verifyInterval;
+        if (adv.notifyFunc != nullptr) items[k].notifyFunc = adv.notifyFunc;
     }
-    if (ASOrchSyncGroupRegister(hdl->ealHdl, items, count) != 0)
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Sync group set base group fail.", hdl->name);
-    else
-        QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "%s, Sync group set base group ok.", hdl->name);
-    hdl->memFree(items);
-    return 0;  // the EAL's refusal is logged; the ids stay as assigned
+}
+
+// Without an Event thread every group's logic runs on the Data thread.
+void ASOrchResetBaseLogicThd(ASOrchSyncGrpItem *items, uint32_t count) {
+    for (uint32_t i = 0; i < count; ++i) items[i].logicThreadId = QOV_EAL_THREAD_DATA;
+}
+
+// Without a Sync thread communication runs where the logic runs.
+void ASOrchResetBaseCommThd(ASOrchSyncGrpItem *items, uint32_t count) {
+    for (uint32_t i = 0; i < count; ++i) items[i].commThreadId = items[i].logicThreadId;
+}
+
+ASOrchSyncGrpItem *ASOrchGetBaseSynGrpPara(ASOrchHandle *hdl, const ASOrchBasePara *para) {
+    ASOrchSyncGrpItem *work = AllocItems(hdl);
+    if (work == nullptr) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "malloc SyncGroup Fail.");
+        return nullptr;
+    }
+    for (uint32_t k = 0; k < kKinds; ++k) work[k] = g_qovOrchAutoSyncGrpParam[k];
+    ASOrchSetUserDefSyncGrpPara(hdl, work);
+    if ((para->threadMask & AS_THREAD_BIT_EVENT) == 0) ASOrchResetBaseLogicThd(work, kKinds);
+    if ((para->threadMask & AS_THREAD_BIT_SYNC) == 0) ASOrchResetBaseCommThd(work, kKinds);
+    return work;
+}
+
+uint32_t ASOrchGetSynGrpBitmap(ASOrchSyncGrpRes *res, const uint64_t msgSet[AS_ORCH_SYNC_GRP_KIND_NUM]) {
+    if (msgSet[0] == 0) return 1;
+    uint32_t bits = 1;
+    for (uint32_t k = 1; k < kKinds; ++k)
+        if (msgSet[k] != 0) bits |= 1u << k;
+    res->grpBitmap |= bits;
+    return 0;
+}
+
+void ASOrchSetGrpItem(ASOrchSyncGrpItem *out, const ASOrchSyncGrpItem *src, uint32_t *counter) {
+    *out = *src;
+    out->grpId = *counter;
+    ++*counter;
+}
+
+void ASOrchSetSynGrpBase(ASOrchSyncGrpRes *res, const ASOrchSyncGrpItem *items, uint32_t count,
+                         ASOrchSyncGrpItem *out, uint32_t *counter) {
+    for (uint32_t i = 0; i < count; ++i) {
+        uint32_t kind = items[i].grpId;  // the default table's id is the kind
+        if (kind >= kKinds || (res->grpBitmap & (1u << kind)) == 0) continue;
+        res->grpId[kind] = *counter;
+        ASOrchSetGrpItem(&out[*counter], &items[i], counter);
+    }
+    res->grpNum = *counter;
 }
 
 uint32_t ASOrchSetBaseSynGrpPara(ASOrchHandle *hdl, const ASOrchBasePara *para, ASOrchSyncGrpItem **items,
@@ -109,63 +136,6 @@ uint32_t ASOrchSetBaseSynGrpPara(ASOrchHandle *hdl, const ASOrchBasePara *para, 
     return 0;
 }
 
-ASOrchSyncGrpItem *ASOrchGetBaseSynGrpPara(ASOrchHandle *hdl, const ASOrchBasePara *para) {
-    ASOrchSyncGrpItem *work = AllocItems(hdl);
-    if (work == nullptr) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "malloc SyncGroup Fail.");
-        return nullptr;
-    }
-    for (uint32_t k = 0; k < kKinds; ++k) work[k] = g_qovOrchAutoSyncGrpParam[k];
-    ASOrchSetUserDefSyncGrpPara(hdl, work);
-    if ((para->threadMask & kEventBit) == 0) ASOrchResetBaseLogicThd(work, kKinds);
-    if ((para->threadMask & kSyncBit) == 0) ASOrchResetBaseCommThd(work, kKinds);
-    return work;
-}
-
-void ASOrchSetUserDefSyncGrpPara(ASOrchHandle *hdl, ASOrchSyncGrpItem *items) {
-    for (uint32_t k = 0; k < kKinds; ++k) {
-        const ASOrchAdvSynGrp &adv = hdl->advSynGrp[k];
-        if (adv.verifyInterval != 0) items[k].verifyInterval = adv.verifyInterval;
-        if (adv.notifyFunc != nullptr) items[k].notifyFunc = adv.notifyFunc;
-    }
-}
-
-// Without an Event thread every group's logic runs on the Data thread.
-void ASOrchResetBaseLogicThd(ASOrchSyncGrpItem *items, uint32_t count) {
-    for (uint32_t i = 0; i < count; ++i) items[i].logicThreadId = QOV_EAL_THREAD_DATA;
-}
-
-// Without a Sync thread communication runs where the logic runs.
-void ASOrchResetBaseCommThd(ASOrchSyncGrpItem *items, uint32_t count) {
-    for (uint32_t i = 0; i < count; ++i) items[i].commThreadId = items[i].logicThreadId;
-}
-
-uint32_t ASOrchGetSynGrpBitmap(ASOrchSyncGrpRes *res, const uint64_t msgSet[AS_ORCH_SYNC_GRP_KIND_NUM]) {
-    if (msgSet[0] == 0) return 1;
-    uint32_t bits = 1;
-    for (uint32_t k = 1; k < kKinds; ++k)
-        if (msgSet[k] != 0) bits |= 1u << k;
-    res->grpBitmap |= bits;
-    return 0;
-}
-
-void ASOrchSetSynGrpBase(ASOrchSyncGrpRes *res, const ASOrchSyncGrpItem *items, uint32_t count,
-                         ASOrchSyncGrpItem *out, uint32_t *counter) {
-    for (uint32_t i = 0; i < count; ++i) {
-        uint32_t kind = items[i].grpId;  // the default table's id is the kind
-        if (kind >= kKinds || (res->grpBitmap & (1u << kind)) == 0) continue;
-        res->grpId[kind] = *counter;
-        ASOrchSetGrpItem(&out[*counter], &items[i], counter);
-    }
-    res->grpNum = *counter;
-}
-
-void ASOrchSetGrpItem(ASOrchSyncGrpItem *out, const ASOrchSyncGrpItem *src, uint32_t *counter) {
-    *out = *src;
-    out->grpId = *counter;
-    ++*counter;
-}
-
 uint32_t ASOrchSyncGroupRegister(void *ealHdl, const ASOrchSyncGrpItem *items, uint32_t count) {
     for (uint32_t i = 0; i < count; ++i)
         QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "Sync group id %u set ok. logicThreadId = %u, commThreadId = %u",
@@ -175,6 +145,21 @@ uint32_t ASOrchSyncGroupRegister(void *ealHdl, const ASOrchSyncGrpItem *items, u
         return 1;
     }
     return 0;
+}
+
+uint32_t ASOrchSyncGrpSetBase(ASOrchHandle *hdl, const ASOrchBasePara *para) {
+    ASOrchSyncGrpItem *items = nullptr;
+    uint32_t count = 0;
+    if (ASOrchSetBaseSynGrpPara(hdl, para, &items, &count) != 0 || items == nullptr) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "Calc SyncGroup Fail.");
+        return 1;
+    }
+    if (ASOrchSyncGroupRegister(hdl->ealHdl, items, count) != 0)
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Sync group set base group fail.", hdl->name);
+    else
+        QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "%s, Sync group set base group ok.", hdl->name);
+    hdl->memFree(items);
+    return 0;  // the EAL's refusal is logged; the ids stay as assigned
 }
 
 uint32_t ASOrchSyncGrpMsgSetBase(ASOrchHandle *hdl, const ASOrchBasePara *para) {
@@ -202,4 +187,17 @@ uint32_t ASOrchSetSynGrpFlowCtrl(ASOrchHandle *hdl) {
         ret = QOV_EAL_SetSyncGrpFlowCtl(hdl->ealHdl, res->grpId[k], EalFlowCtl(&adv[k].flowCtrl));
     }
     return ret;
+}
+
+}  // namespace
+
+uint32_t ASOrchRegSyncGrpBase(ASOrchHandle *hdl, const ASOrchBasePara *para) {
+    if (ASOrchMallocGrpRes(hdl) != 0) return 1;
+    if (ASOrchSyncGrpSetBase(hdl, para) != 0 || ASOrchSyncGrpMsgSetBase(hdl, para) != 0) {
+        ASOrchFreeGrpRes(hdl);
+        return 1;
+    }
+    (void)ASOrchSetSynGrpFlowCtrl(hdl);  // flow control is the EAL's advice; its refusal fails nothing
+    QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "%s, Orch auto sync Register SyncGroup base ok.", hdl->name);
+    return 0;
 }

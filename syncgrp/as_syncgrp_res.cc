@@ -1,5 +1,5 @@
 // The sync-group resource of a handle.
-#include "syncgrp/syncgrp_internal.h"
+#include "syncgrp/syncgrp_private.h"
 
 void ASOrchFreeGrpRes(ASOrchHandle *hdl) {
     if (hdl->syncGrpRes == nullptr) return;

@@ -1,13 +1,11 @@
 // Sending to the sync groups by kind, and feeding what a group delivered into
 // the merge layer.
 #include "qov_utils_eal.h"
-#include "syncgrp/syncgrp_internal.h"
+#include "syncgrp/syncgrp_private.h"
 
 namespace {
 
-constexpr char kNoName[] = "UNKONWN";  // sic: stands for the name of a null handle
-
-const char *NameOf(const ASOrchHandle *hdl) { return hdl != nullptr ? hdl->name : kNoName; }
+const char *NameOf(const ASOrchHandle *hdl) { return hdl != nullptr ? hdl->name : AS_NULL_HANDLE_NAME; }
 
 // The kind's group id, or AS_SYNC_GRP_ID_NONE with the line of the senders.
 uint32_t SendGrpId(ASOrchHandle *hdl, uint32_t msgType) {
