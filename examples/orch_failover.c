@@ -22,6 +22,9 @@
 #include <inttypes.h>
 #include <limits.h>
 #include <netinet/in.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <stdatomic.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -50,12 +53,15 @@ static const char g_usage[] =
     "  --sync-addr ADDR     address the active node's sync link listens on (default 127.0.0.1;\n"
     "                       127.0.0.2 puts the pair on two addresses)\n"
     "  --fault skip-sweep|drop-sync-frame  a fault the check must catch: the resync keeps\n"
-    "                       stale keys / the last standby drops its 300th sync frame\n"
+    "                       stale keys / the last standby drops its 100th sync frame\n"
     "  --seed N             workload seed (default 1)\n"
+    "  --csv FILE           time series every 100 ms: the active and the standby node's queues\n"
+    "                       and deliveries, the kill and the restart or takeover marked\n"
+    "                       (tools/plot_failover.sh makes a PNG of it)\n"
     "  --dir DIR            table files and logs (default failover-<scenario>)\n";
 
 typedef struct Opts {
-    const char *scenario, *dir, *fault, *syncAddr;
+    const char *scenario, *dir, *fault, *syncAddr, *csv;
     uint64_t keys, rate, duration, flood, killAt, down, handlerNs, standbyNs, high, low, seed;
     int interrupt;
 } Opts;
@@ -188,7 +194,7 @@ static pid_t Node(NodeSpec n) {
     if (n.peer != 0) args[k++] = "--peer", args[k++] = per;
     if (n.crashRows != 0) args[k++] = "--crash-in-resync", args[k++] = (char *)Num(n.crashRows);
     if (n.fault != NULL && strcmp(n.fault, "skip-sweep") == 0) args[k++] = "--skip-sweep";
-    if (n.fault != NULL && strcmp(n.fault, "drop-sync-frame") == 0) args[k++] = "--drop-sync-frame", args[k++] = "300";
+    if (n.fault != NULL && strcmp(n.fault, "drop-sync-frame") == 0) args[k++] = "--drop-sync-frame", args[k++] = "100";
     args[k] = NULL;
     return Spawn("orch_node", args);
 }
@@ -265,6 +271,55 @@ static int Open(QovTableFile *t, const char *file) {
     return 0;
 }
 
+/* ---- Time series ----
+ * A thread reads the live figures of the active and the standby node from
+ * their table files' headers every 100 ms; the scenario names the nodes and
+ * marks its events (bit 0 a kill, bit 1 a restart or a takeover). */
+
+static _Atomic int g_active = 'A', g_standby = 0, g_event, g_stopSampling;
+
+/* nodes: the active node's letter, then the standby's, if any ("A", "BC"). */
+static void Mark(int event, const char *nodes) {
+    atomic_store(&g_active, nodes[0]);
+    atomic_store(&g_standby, nodes[1]);
+    atomic_fetch_or(&g_event, event);
+}
+
+/* The live header of a node's table, zero when there is none yet. */
+static QovTableHdr Live(int node) {
+    QovTableHdr h;
+    memset(&h, 0, sizeof(h));
+    char file[8] = {(char)node, '.', 't', 'b', 'l', '\0'};
+    int fd = node != 0 ? open(Path(file), O_RDONLY | O_CLOEXEC) : -1;
+    if (fd >= 0 && pread(fd, &h, sizeof(h), 0) != (ssize_t)sizeof(h)) memset(&h, 0, sizeof(h));
+    if (fd >= 0) close(fd);
+    return h;
+}
+
+static void *Sample(void *arg) {
+    FILE *csv = arg;
+    fprintf(csv, "t_s,dam_depth,fes_depth,high_water,delivered_s,standby_dam_depth,standby_fes_depth,"
+                 "standby_delivered_s,event\n");
+    uint64_t t0 = QovBrokerNowUs(), last[2] = {0, 0};
+    int lastNode[2] = {0, 0};
+    for (uint64_t tick = 1; !atomic_load(&g_stopSampling); ++tick) {
+        Sleep(100);
+        int node[2] = {atomic_load(&g_active), atomic_load(&g_standby)};
+        QovTableHdr h[2] = {Live(node[0]), Live(node[1])};
+        uint64_t rate[2];
+        for (int i = 0; i < 2; ++i) {
+            if (node[i] != lastNode[i]) last[i] = h[i].delivered;
+            rate[i] = h[i].delivered >= last[i] ? (h[i].delivered - last[i]) * 10 : 0;
+            last[i] = h[i].delivered, lastNode[i] = node[i];
+        }
+        fprintf(csv, "%.1f,%u,%u,%u,%" PRIu64 ",%u,%u,%" PRIu64 ",%d\n", (double)(QovBrokerNowUs() - t0) / 1e6,
+                h[0].depthNow[0], h[0].depthNow[1], (unsigned)g_o.high, rate[0], h[1].depthNow[0], h[1].depthNow[1],
+                rate[1], atomic_exchange(&g_event, 0));
+        (void)tick;
+    }
+    return NULL;
+}
+
 /* ---- Scenarios ---- */
 
 static int Ended(const char *what, int st) {
@@ -279,6 +334,7 @@ static int Restart(uint16_t port, uint8_t *hadAtKill) {
     Sleep(g_o.killAt);
     kill(a, SIGKILL);
     WaitFor(a, 5000);
+    Mark(1, "A");
     Say("A killed at %" PRIu64 " ms; down for %" PRIu64 " ms while the broker goes on", g_o.killAt, g_o.down);
     QovTableFile t;
     if (Open(&t, "A.tbl") != 0) return 1;
@@ -287,7 +343,9 @@ static int Restart(uint16_t port, uint8_t *hadAtKill) {
     Sleep(g_o.down);
     if (g_o.interrupt) {
         a = Node((NodeSpec){"A", "active", port, 0, 0, g_o.handlerNs, g_o.keys / 8 + 1, NULL});
+        Mark(2, "A");
         int st = WaitFor(a, 20000);
+        Mark(1, "A");
         if (st == -1 || !WIFSIGNALED(st) || WTERMSIG(st) != SIGKILL) {
             printf("check: FAILED, the restarted node was not killed in its resync\n");
             return 1;
@@ -295,6 +353,7 @@ static int Restart(uint16_t port, uint8_t *hadAtKill) {
         Say("A killed again in the middle of its resync; started once more");
     }
     a = Node((NodeSpec){"A", "active", port, 0, 0, g_o.handlerNs, 0, g_o.fault});
+    Mark(2, "A");
     int bad = Ended("the broker", WaitFor(broker, g_o.duration + 60000));
     bad |= Ended("node A", WaitFor(a, 30000));
     return bad;
@@ -305,12 +364,15 @@ static int Switchover(uint16_t port) {
     pid_t broker = Broker(port);
     pid_t a = Node((NodeSpec){"A", "active", port, s1, 0, g_o.handlerNs, 0, NULL});
     pid_t b = Node((NodeSpec){"B", "standby", port, s2, s1, g_o.handlerNs, 0, NULL});
+    Mark(0, "AB");
     Sleep(g_o.killAt);
     kill(a, SIGKILL);
     WaitFor(a, 5000);
     kill(b, SIGUSR1);
+    Mark(1, "B");
     Say("A killed at %" PRIu64 " ms; B takes over, C joins B as its standby", g_o.killAt);
     pid_t c = Node((NodeSpec){"C", "standby", port, 0, s2, g_o.standbyNs, 0, g_o.fault});
+    Mark(2, "BC");
     int bad = Ended("the broker", WaitFor(broker, g_o.duration + 60000));
     bad |= Ended("node B", WaitFor(b, 30000));
     kill(c, SIGTERM);
@@ -319,7 +381,7 @@ static int Switchover(uint16_t port) {
 }
 
 static int ParseOptions(int argc, char **argv) {
-    g_o = (Opts){NULL, NULL, NULL, "127.0.0.1", 100000, 4000, 6000, 2500, 1500, 500, 1500, UINT64_MAX, 20000, 5000,
+    g_o = (Opts){NULL, NULL, NULL, "127.0.0.1", NULL, 100000, 4000, 6000, 2500, 1500, 500, 1500, UINT64_MAX, 20000, 5000,
                  1, 0};
     const struct {
         const char *name;
@@ -342,6 +404,7 @@ static int ParseOptions(int argc, char **argv) {
                            : strcmp(a, "--dir") == 0    ? &g_o.dir
                            : strcmp(a, "--fault") == 0  ? &g_o.fault
                            : strcmp(a, "--sync-addr") == 0 ? &g_o.syncAddr
+                           : strcmp(a, "--csv") == 0    ? &g_o.csv
                                                         : NULL;
         size_t k = 0, n = sizeof(nums) / sizeof(nums[0]);
         while (str == NULL && k < n && strcmp(a, nums[k].name) != 0) ++k;
@@ -383,7 +446,14 @@ int main(int argc, char **argv) {
     Say("%s: %" PRIu64 " keys, broker on 127.0.0.1:%u and :%u, sync links on %s, files in %s", g_o.scenario, g_o.keys,
         port, port + 1, g_o.syncAddr, g_o.dir);
     int restart = strcmp(g_o.scenario, "restart") == 0;
+    FILE *csv = g_o.csv != NULL ? fopen(g_o.csv, "w") : NULL;
+    pthread_t sampler;
+    int sampling = csv != NULL && pthread_create(&sampler, NULL, Sample, csv) == 0;
+    if (g_o.csv != NULL && !sampling) printf("orch_failover: cannot write %s\n", g_o.csv);
     int bad = restart ? Restart(port, hadAtKill) : Switchover(port);
+    atomic_store(&g_stopSampling, 1);
+    if (sampling) pthread_join(sampler, NULL);
+    if (csv != NULL) fclose(csv);
     KillAll();
     Tables t = {{0}, {0}};
     if (!bad) bad = Open(&t.broker, "broker.tbl") || Open(&t.node, restart ? "A.tbl" : "B.tbl");

@@ -108,7 +108,6 @@ typedef struct Node {
     uint64_t hist[HIST];      /* us from the broker's send (active) or the active's handler (standby) */
     uint32_t ticks;
     _Atomic int endSeen[PATHS];
-    _Atomic uint32_t depth[PATHS];
     _Atomic int done;         /* active: end seen, queues drained, batches sent */
     _Atomic int quiet;        /* standby: link down and queues empty */
     _Atomic uint64_t liveBytes, peakBytes;
@@ -268,6 +267,7 @@ static uint32_t OnRoute(ASOrchHandle *hdl, ASOrchMergeMsgVec *vec) {
     if (key == UINT32_MAX) return 1;
     Spend(g.o.handlerNs);
     Apply(key, vec->opType, &e);
+    g.tbl.hdr->delivered++;
     g.hist[HistBucket((uint32_t)QovBrokerNowUs() - e.sentUs)]++;
     return 0;
 }
@@ -413,7 +413,7 @@ static void OnTick(uint64_t usrData) {
             snprintf(name, sizeof(name), "%s_%s", (const char *)g.hdl, p ? "FES" : "DAM");
             if (QOV_PrintMergeQueInfo(name, buf, sizeof(buf)) == 0) continue;
             uint32_t depth = ReportNumber(buf, "Mque CurrCnt"), peak = ReportNumber(buf, "MergeQue HistoryMaxCnt");
-            atomic_store(&g.depth[p], depth);
+            g.tbl.hdr->depthNow[p] = depth;
             queued += depth;
             if (peak > g.tbl.hdr->peakDepth[p]) g.tbl.hdr->peakDepth[p] = peak;
         }

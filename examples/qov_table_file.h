@@ -49,7 +49,10 @@ typedef struct QovTableHdr {
     uint64_t latP50Us, latP99Us; /* to this node's handler: from the broker's send (active),
                                   * from the active peer's handler (standby: its lag) */
     uint64_t endSeen;        /* 1 once the broker's end of stream reached both paths */
-    uint64_t rsv[8];
+    /* Live, for a sampler in another process: */
+    uint32_t depthNow[2];    /* merge queue depths, every 50 ms */
+    uint64_t delivered;      /* entries handed to the table by the handlers */
+    uint64_t rsv[6];
 } QovTableHdr;
 
 typedef struct QovTableFile {
