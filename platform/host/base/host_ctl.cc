@@ -72,7 +72,12 @@ public:
         if (len == lastLen_ && std::memcmp(line, last_, len) == 0) {
             ++repeats_;
         } else {
-            while (kLogBlock - kNoteMax - used_ < len) {  // full: written out first
+            // Room for the open run's count, the line, and kNoteMax kept
+            // behind them for the next count: the block never holds more
+            // than kLogBlock - kNoteMax between two lines. A flush lets other
+            // threads in, who may open a run again, so the room is measured
+            // again after it.
+            while (used_ + (repeats_ != 0 ? kNoteMax : 0) + len + kNoteMax > kLogBlock) {
                 lk.unlock();
                 Flush();
                 lk.lock();
