@@ -29,8 +29,22 @@ set_target_properties(${QOV_INSTALL_TARGETS} PROPERTIES INSTALL_RPATH "$ORIGIN")
 install(TARGETS ${QOV_INSTALL_TARGETS} qov_host_api EXPORT qov_autosync_orch_targets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   INCLUDES DESTINATION ${QOV_INSTALL_INCLUDEDIR})
-file(GLOB QOV_PUBLIC_HEADERS CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/include/*.h ${PROJECT_SOURCE_DIR}/platform/*.h
-  ${PROJECT_SOURCE_DIR}/platform/host/api/*.h)
+# The interface, the platform's declarations and the host API; never the
+# host's control header.
+set(QOV_PUBLIC_HEADERS
+  include/qov_as_core.h
+  include/qov_as_inbound.h
+  include/qov_as_log.h
+  include/qov_as_merge.h
+  include/qov_as_smooth.h
+  include/qov_as_syncgrp.h
+  include/qov_autosync_orch.h
+  include/qov_mergeque.h
+  platform/qov_utils_base.h
+  platform/qov_utils_eal.h
+  platform/qov_utils_smooth.h
+  platform/host/api/qov_host_api.h)
+list(TRANSFORM QOV_PUBLIC_HEADERS PREPEND ${PROJECT_SOURCE_DIR}/)
 install(FILES ${QOV_PUBLIC_HEADERS} DESTINATION ${QOV_INSTALL_INCLUDEDIR})
 
 install(EXPORT qov_autosync_orch_targets NAMESPACE qov:: DESTINATION ${QOV_INSTALL_CMAKEDIR}

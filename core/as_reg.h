@@ -1,6 +1,6 @@
 // Core's own steps of base registration: the threads, the channels, and the
-// two forwarders (module-state response, reserved port). The top floor runs
-// them from its step table.
+// two forwarders (module-state response, reserved port). The top floor
+// (orch/as_orch.cc) runs them from its step table.
 #ifndef QOV_AS_CORE_REG_H
 #define QOV_AS_CORE_REG_H
 
