@@ -100,21 +100,21 @@ uint32_t QOV_Merge_Init(const char *name, MergeQueCtrlBlk *mque, const MergeQueC
 
 extern "C" {
 
-uint32_t QOV_MergeQueCreateCheck(const char *name, const MergeQueCreatePara *para) {
-    if (QOV_MergeQueGlbInit(name) != 0) return 1;
+bool QOV_MergeQueCreateCheck(const char *name, const MergeQueCreatePara *para) {
+    if (QOV_MergeQueGlbInit(name) != 0) return false;
     if (para->mallocFunc == nullptr || para->freeFunc == nullptr) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MERGE_QUE Create] %s para mem func invalid.", name);
-        return 1;
+        return false;
     }
     if (para->hashFunc == nullptr || para->cmpFunc == nullptr || para->getKeyPtr == nullptr) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MQUE Create] %s para hash func invalid.", name);
-        return 1;
+        return false;
     }
     if (para->epFd < 0) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MERGE_QUE Create] %s para epFd invalid.", name);
-        return 1;
+        return false;
     }
-    return 0;
+    return true;
 }
 
 QOV_AS_API MergeQueCtrlBlk *QOV_MergeQueCreate(const char *name, const MergeQueCreatePara *para) {
@@ -123,7 +123,7 @@ QOV_AS_API MergeQueCtrlBlk *QOV_MergeQueCreate(const char *name, const MergeQueC
                             para == nullptr ? 1u : 0u);
         return nullptr;
     }
-    if (QOV_MergeQueCreateCheck(name, para) != 0) return nullptr;
+    if (!QOV_MergeQueCreateCheck(name, para)) return nullptr;
     if (QOV_MergeQueNameTreeFind(name) != nullptr) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MERGE_QUE Create] create Fail because find %s exist!", name);
         return nullptr;

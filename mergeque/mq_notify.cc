@@ -70,22 +70,23 @@ void QOV_MergeQueEpollUnReg(MergeQueCtrlBlk *mque) {
     RegUnlock(mque);
 }
 
-uint32_t QOV_MergeQueMonitorCheck(const MergeQueCtrlBlk *mque, const MergeQueMonitorAttr *attr) {
+// Whether attr can watch the queue; false after a log line naming what is wrong.
+bool QOV_MergeQueMonitorCheck(const MergeQueCtrlBlk *mque, const MergeQueMonitorAttr *attr) {
     if (mque == nullptr || attr == nullptr) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "MonitorReg failed, para is null, mqueHandle: %u, monitorAttr: %u.",
                             mque == nullptr ? 1u : 0u, attr == nullptr ? 1u : 0u);
-        return 1;
+        return false;
     }
     if (attr->highWater <= attr->lowWater) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "merge queue %s MonitorReg failed, highWater(%u) less than lowWater(%u).",
                             mque->name, attr->highWater, attr->lowWater);
-        return 1;
+        return false;
     }
     if (attr->flowCtrlNotify == nullptr) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "merge queue %s MonitorReg failed, flowCtrlNotify is null.", mque->name);
-        return 1;
+        return false;
     }
-    return 0;
+    return true;
 }
 
 // Counts a queue statistic, stamped as the mask says.
@@ -132,7 +133,7 @@ void QOV_MergeQueNotifyByRead(MergeQueCtrlBlk *mque) {
 }
 
 QOV_AS_API uint32_t QOV_MergeQueMonitorReg(MergeQueCtrlBlk *mque, const MergeQueMonitorAttr *attr) {
-    if (QOV_MergeQueMonitorCheck(mque, attr) != 0) return 1;
+    if (!QOV_MergeQueMonitorCheck(mque, attr)) return 1;
     // The queue is already in the name tree, where reports read the monitor
     // under the tree's mutex; written under it, the monitor is seen whole.
     bool locked = pthread_mutex_lock(&g_qovMergeQueGlbCb.nameTreeMutex) == 0;

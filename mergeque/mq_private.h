@@ -146,7 +146,9 @@ struct MergeQueGlbCb {
 extern "C" {
 
 // Core and name tree.
-uint32_t QOV_MergeQueCreateCheck(const char *name, const MergeQueCreatePara *para);
+// Whether para can make a queue (the name tree is set up first); false after
+// a log line naming what is missing.
+bool QOV_MergeQueCreateCheck(const char *name, const MergeQueCreatePara *para);
 void QOV_MergeQueNameTreeInit(void);
 MergeQueCtrlBlk *QOV_MergeQueNameTreeFind(const char *name);
 uint32_t QOV_MergeQueNameTreeInsert(MergeQueCtrlBlk *mque);
