@@ -3,6 +3,7 @@
 // registered unpack function) and handed to the merge layer or to the
 // message's user-defined handler. Nothing here allocates.
 #include "inbound/inbound_private.h"
+#include "merge/merge_internal.h"
 
 namespace {
 
@@ -22,10 +23,11 @@ struct ASOrchUserDefCall {
     ASOrchUserDefInfo info;
 };
 
-// Context of the per-entry merge call: the message's vector and merge type.
+// Context of the per-entry merge call: the message's vector, and where its
+// merge type sends the entries (decided once for the message).
 struct ASOrchMqueCtx {
     ASOrchMergeMsgVec *vec;
-    uint32_t mergeType;
+    ASOrchMergeTarget target;
 };
 
 using ASOrchIpcEntryFunc = uint32_t (*)(uint8_t *entry, ASOrchHandle *hdl, void *ctx);
@@ -67,7 +69,7 @@ uint32_t ASOrchProc1IpcMque(uint8_t *entry, ASOrchHandle *hdl, void *ctx) {
     auto *c = static_cast<ASOrchMqueCtx *>(ctx);
     c->vec->key = entry;
     c->vec->data = entry;
-    return ASOrchMsgMerge(hdl, c->mergeType, c->vec);
+    return ASOrchMergeTo(hdl, &c->target, c->vec);
 }
 
 void ASOrchProcIpcUserDef(ASOrchHandle *hdl, const ASOrchIpcBuf *run, ASOrchUserDefCall *call) {
@@ -89,7 +91,7 @@ void ORCH_AutoSyncProcMqueOrUserDef(const TblMsgCtrlRecv *ctrl, const ASOrchIpcB
     }
     ASOrchMergeMsgVec vec;
     ORCH_AutoSyncFillMergeMsgVec(&vec, ctrl, ctrl->version);
-    ASOrchMqueCtx ctx{&vec, ctrl->mergeType};
+    ASOrchMqueCtx ctx{&vec, ASOrchMergeTargetOf(hdl, ctrl->mergeType)};
     ORCH_AutoSyncProcIpcBuf(run, hdl, ASOrchProc1IpcMque, &ctx);
 }
 

@@ -33,7 +33,7 @@ void FreeMergeRec(ASOrchHandle *hdl, ASOrchMergeRec *rec) {
     if (rec->dispatchHash != nullptr) ASOrchFreeDispatchHash(hdl, rec->dispatchHash);
     rec->dispatchHash = nullptr;
     rec->epFd = 0;
-    rec->hashSize = 0;
+    ASOrchMergeSetHashSize(rec, 0);
 }
 
 }  // namespace

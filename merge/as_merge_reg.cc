@@ -29,7 +29,7 @@ uint32_t InitMergeHandle(ASOrchMergeRec *rec, const ASOrchMergePara *para, ASOrc
         return 1;
     }
     rec->epFd = QOV_EAL_GetEpollFd(hdl->ealHdl, QOV_EAL_THREAD_DATA);
-    rec->hashSize = ASOrchMergeHashSize(para);
+    ASOrchMergeSetHashSize(rec, ASOrchMergeHashSize(para));
     rec->pressGrpId = pressGrpId;
     return 0;
 }

@@ -1,8 +1,8 @@
 // The merge rules and the key functions that every merge queue of the layer
 // is created with.
 #include <cstddef>
-#include <cstring>
 
+#include "core/base/as_bytes.h"
 #include "merge/merge_private.h"
 
 namespace {
@@ -66,12 +66,14 @@ void ASOrchPubMergeNotify(void *incoming, void *stored) {
 }
 
 // NOLINTNEXTLINE(bugprone-easily-swappable-parameters): the merge queue's compare callback type
+// A vector is equal to itself: the reader removes a queued entry by the
+// entry's own vector, which needs no look at the key bytes.
 uint32_t ASOrchPubCmpFunc(const void *a, const void *b) {
+    if (a == b) return 1;
     const auto *va = static_cast<const ASOrchMergeMsgVec *>(a);
     const auto *vb = static_cast<const ASOrchMergeMsgVec *>(b);
     if (va->msgId != vb->msgId || va->version != vb->version || va->keySize != vb->keySize) return 0;
-    if (va->keySize == 0) return 1;
-    return std::memcmp(va->key, vb->key, va->keySize) == 0 ? 1 : 0;
+    return ASBytesEqual(va->key, vb->key, static_cast<size_t>(va->keySize)) ? 1 : 0;
 }
 
 // The whole vector is the key object the queue hands to hash and compare.

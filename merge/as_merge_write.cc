@@ -1,30 +1,17 @@
 // Write side: messages into the path's merge queue (merge types 0..3) or
 // straight to the path's handlers (4 and above). The merge type becomes a
-// path here, once.
+// target here, once per call or once for a whole run of messages.
+#include "core/base/as_bytes.h"
 #include "merge/merge_private.h"
 
 namespace {
-
-// What a merge type asks for: the path, and whether the message is queued
-// (and then whether a merged entry moves to the tail) or dispatched at once.
-struct MergeRoute {
-    ASOrchPath path;
-    bool queued;
-    uint32_t moveToTail;
-};
-
-MergeRoute RouteOf(uint32_t mergeType) {
-    if (mergeType >= AS_ORCH_MERGE_DAM_DIRECT)
-        return {mergeType == AS_ORCH_MERGE_DAM_DIRECT ? ASOrchPath::DAM : ASOrchPath::FES, false, 0};
-    const bool fes = mergeType == AS_ORCH_MERGE_FES || mergeType == AS_ORCH_MERGE_FES_TAIL;
-    return {fes ? ASOrchPath::FES : ASOrchPath::DAM, true, mergeType >= AS_ORCH_MERGE_DAM_TAIL ? 1u : 0u};
-}
 
 // One buffer of keySize + dataSize bytes, key first and data right behind
 // it. Sizes that cannot be allocated in one u32 request are refused like a
 // failed allocation. Data is copied only when there is some (a non-zero size
 // and a pointer); otherwise data is cleared so no handler sees a dangling
-// caller pointer.
+// caller pointer. Sizes were checked against the buffer, so the copies are
+// bounded by construction.
 uint32_t MsgVecCopyAlloc(ASOrchHandle *hdl, const ASOrchMergeMsgVec *src, ASOrchMergeMsgVec *dst) {
     void *buf = nullptr;
     if (src->keySize <= UINT32_MAX && src->dataSize <= UINT32_MAX - src->keySize)
@@ -33,17 +20,13 @@ uint32_t MsgVecCopyAlloc(ASOrchHandle *hdl, const ASOrchMergeMsgVec *src, ASOrch
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Orch auto sync merge msg failed. malloc fail", hdl->name);
         return 1;
     }
-    size_t total = static_cast<size_t>(src->keySize + src->dataSize);
-    bool hasData = src->dataSize != 0 && src->data != nullptr;
     auto *bytes = static_cast<uint8_t *>(buf);
+    ASCopyBytes(bytes, src->key, static_cast<size_t>(src->keySize));
     dst->key = bytes;
-    dst->data = hasData ? bytes + src->keySize : nullptr;
-    if (memcpy_s(bytes, total, src->key, src->keySize) != 0 ||
-        (hasData && memcpy_s(dst->data, total - src->keySize, src->data, src->dataSize) != 0)) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Orch auto sync merge msg failed. copy fail", hdl->name);
-        hdl->memFree(buf);
-        dst->key = nullptr;
-        return 1;
+    dst->data = nullptr;
+    if (src->dataSize != 0 && src->data != nullptr) {
+        dst->data = bytes + src->keySize;
+        ASCopyBytes(dst->data, src->data, static_cast<size_t>(src->dataSize));
     }
     dst->usrData = hdl;
     return 0;
@@ -56,7 +39,6 @@ uint32_t WriteMsgMerge(ASOrchHandle *hdl, MergeQueCtrlBlk *que, const ASOrchMerg
         return 1;
     }
     ASOrchMergeMsgVec copy = *vec;
-    copy.usrData = nullptr;
     if (MsgVecCopyAlloc(hdl, vec, &copy) != 0) return 1;
     // The vector is its own key: the queue hashes and compares it whole.
     if (QOV_MergeQueWrite(que, &copy, &copy, moveToTail) != 0) {
@@ -65,13 +47,6 @@ uint32_t WriteMsgMerge(ASOrchHandle *hdl, MergeQueCtrlBlk *que, const ASOrchMerg
         return 1;
     }
     return 0;
-}
-
-uint32_t MsgMergeInner(ASOrchHandle *hdl, const MergeRoute &route, const ASOrchMergeMsgVec *vec) {
-    if (hdl->mergeHandle == nullptr) return 1;
-    MergeQueCtrlBlk *que = ASOrchMergeRecOf(hdl, route.path)->mergeQue;
-    if (que == nullptr) return 1;
-    return WriteMsgMerge(hdl, que, vec, route.moveToTail);
 }
 
 // The handler gets the caller's vector as it is: nothing copied or freed.
@@ -86,6 +61,26 @@ uint32_t MsgNoMerge(ASOrchHandle *hdl, ASOrchPath path, ASOrchMergeMsgVec *vec) 
 
 }  // namespace
 
+// Types 0..3 are queued (2 and 3 move a merged entry to the tail), 4 goes to
+// the DAM handlers at once and every higher type to the FES handlers.
+ASOrchMergeTarget ASOrchMergeTargetOf(const ASOrchHandle *hdl, uint32_t mergeType) {
+    if (mergeType >= AS_ORCH_MERGE_DAM_DIRECT)
+        return {mergeType == AS_ORCH_MERGE_DAM_DIRECT ? ASOrchPath::DAM : ASOrchPath::FES, false, 0, nullptr};
+    const bool fes = mergeType == AS_ORCH_MERGE_FES || mergeType == AS_ORCH_MERGE_FES_TAIL;
+    ASOrchMergeTarget t{fes ? ASOrchPath::FES : ASOrchPath::DAM, true,
+                        mergeType >= AS_ORCH_MERGE_DAM_TAIL ? 1u : 0u, nullptr};
+    if (hdl->mergeHandle != nullptr) t.que = ASOrchMergeRecOf(hdl, t.path)->mergeQue;
+    return t;
+}
+
+// A queued type without a queue (no merge records, or the path has none)
+// fails without a line.
+uint32_t ASOrchMergeTo(ASOrchHandle *hdl, const ASOrchMergeTarget *target, ASOrchMergeMsgVec *vec) {
+    if (!target->queued) return MsgNoMerge(hdl, target->path, vec);
+    if (target->que == nullptr) return 1;
+    return WriteMsgMerge(hdl, target->que, vec, target->moveToTail);
+}
+
 extern "C" QOV_AS_API uint32_t ASOrchMsgMerge(ASOrchHandle *hdl, uint32_t mergeType, ASOrchMergeMsgVec *vec) {
     if (hdl == nullptr) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "Orch autosync send merge msg handle is NULL");
@@ -95,6 +90,6 @@ extern "C" QOV_AS_API uint32_t ASOrchMsgMerge(ASOrchHandle *hdl, uint32_t mergeT
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Orch autosync send merge msg vec is NULL", hdl->name);
         return 1;
     }
-    const MergeRoute route = RouteOf(mergeType);
-    return route.queued ? MsgMergeInner(hdl, route, vec) : MsgNoMerge(hdl, route.path, vec);
+    const ASOrchMergeTarget target = ASOrchMergeTargetOf(hdl, mergeType);
+    return ASOrchMergeTo(hdl, &target, vec);
 }

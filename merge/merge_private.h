@@ -21,6 +21,7 @@ struct ASOrchMergeRec {
     int32_t epFd;
     MergeQueCtrlBlk *mergeQue;
     uint32_t hashSize;
+    uint64_t hashMagic;  // ceil(2^64 / hashSize): the bucket is taken without a division
     ASIntHash *dispatchHash;
     uint32_t pressGrpId;  // sync group the monitor back-presses outside the MB role
 };
@@ -34,6 +35,12 @@ struct ASOrchMergeDispatchNode {
 // Bucket count of a path's queue: the sub-record's, or the default when 0.
 inline uint32_t ASOrchMergeHashSize(const ASOrchMergePara *para) {
     return para->hashSize != 0 ? para->hashSize : AS_MERGE_DEF_HASH_SIZE;
+}
+
+// Sets a record's bucket count and the multiplier that divides by it.
+inline void ASOrchMergeSetHashSize(ASOrchMergeRec *rec, uint32_t n) {
+    rec->hashSize = n;
+    rec->hashMagic = n == 0 ? 0 : UINT64_MAX / n + 1;
 }
 
 // The path's record; mergeHandle must be set.

@@ -2,6 +2,7 @@
 #include <string>
 #include <vector>
 
+#include "core/base/as_bytes.h"
 #include "core/base/as_registry.h"
 #include "support/test_env.h"
 
@@ -128,5 +129,29 @@ INSTANTIATE_TEST_SUITE_P(Sizes, Combine,
                                            CombineCase{"FirstAloneTooLong", "abcdefgh", "", 8, 1, ""},
                                            CombineCase{"OnlySecond", "", "abcdefg", 8, 0, "abcdefg"}),
                          qovtest::RowName());
+
+}  // namespace
+
+namespace {
+
+// Short copies and compares go by pieces that overlap: every length up to
+// past the last piece size, a difference at every place, and copies that
+// touch nothing outside their bytes.
+TEST(ShortBytes, CopyAndCompareEveryLengthAndPlace) {
+    uint8_t src[96], dst[96 + 2];
+    for (size_t i = 0; i < sizeof src; ++i) src[i] = static_cast<uint8_t>(i * 7 + 1);
+    for (size_t n = 0; n <= 80; ++n) {
+        std::memset(dst, 0xEE, sizeof dst);
+        ASCopyBytes(dst + 1, src, n);
+        ASSERT_EQ(std::memcmp(dst + 1, src, n), 0) << n;
+        ASSERT_TRUE(dst[0] == 0xEE && dst[n + 1] == 0xEE) << "wrote outside, length " << n;
+        ASSERT_TRUE(ASBytesEqual(dst + 1, src, n)) << n;
+        for (size_t at = 0; at < n; ++at) {
+            dst[1 + at] ^= 0x40;
+            ASSERT_FALSE(ASBytesEqual(dst + 1, src, n)) << "length " << n << ", difference at " << at;
+            dst[1 + at] ^= 0x40;
+        }
+    }
+}
 
 }  // namespace

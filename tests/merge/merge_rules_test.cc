@@ -42,21 +42,29 @@ INSTANTIATE_TEST_SUITE_P(AllPairs, RuleTest, ::testing::Combine(::testing::Range
                                     std::to_string(std::get<1>(p.param));
                          });
 
-// Buckets of a handle whose DAM path has 8192 (or is not set up: no modulo).
+// Buckets of a handle whose DAM path has hashSize buckets (or is not set up:
+// no modulo). Bucket counts of every kind, and keys long enough for whole
+// rounds of four words and a tail, check the modulo that takes no division.
 struct BucketCase {
     const char *name;
     std::vector<uint8_t> key;
     uint32_t msgId, version, mergeType;
     bool damSetUp;
     uint32_t expect;
+    uint32_t hashSize = 8192;
 };
+
+const std::vector<uint8_t> kKey16 = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
+const std::vector<uint8_t> kKey20 = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20};
+
+void PrintTo(const BucketCase &c, std::ostream *os) { *os << c.name; }
 
 class BucketTest : public mergetest::MergeTest, public ::testing::WithParamInterface<BucketCase> {};
 
 TEST_P(BucketTest, KnownValues) {
     const BucketCase &c = GetParam();
     ASOrchMergePara dam = mergetest::DamPara();
-    dam.hashSize = 8192;
+    dam.hashSize = c.hashSize;
     if (!c.damSetUp) dam.hashFunc = nullptr;
     ASSERT_EQ(Reg(dam, mergetest::FesPara()), 0u);
     std::vector<uint8_t> buf(c.key.size() + 1);  // key at an odd address
@@ -73,7 +81,14 @@ INSTANTIATE_TEST_SUITE_P(
                       BucketCase{"TrailingByteIgnored", {1, 2, 3, 4, 5, 6, 7, 8, 9}, 7, 2, 0, true, 7740},
                       BucketCase{"ShortKeyIgnored", {9, 9, 9}, 0, 0, 0, true, 1950},
                       BucketCase{"PathNotSetUpNoModulo", {}, 0, 0, 0, false, 1493338014u},
-                      BucketCase{"Type2Always8192", {}, 0, 0, 2, false, 1950}),
+                      BucketCase{"Type2Always8192", {}, 0, 0, 2, false, 1950},
+                      BucketCase{"SevenBuckets", {}, 0, 0, 0, true, 0, 7},
+                      BucketCase{"SixteenByteKeySevenBuckets", kKey16, 3, 1, 0, true, 5, 7},
+                      BucketCase{"TwentyByteKeySevenBuckets", kKey20, 3, 1, 0, true, 1, 7},
+                      BucketCase{"SixteenByteKeyOddBuckets", kKey16, 3, 1, 0, true, 15843, 24000},
+                      BucketCase{"TwentyByteKeyPrimeBuckets", kKey20, 3, 1, 0, true, 20543, 65537},
+                      BucketCase{"OneBucket", kKey20, 3, 1, 0, true, 0, 1},
+                      BucketCase{"FourMillionBuckets", kKey16, 3, 1, 0, true, 755485, 4000037}),
     qovtest::RowName());
 
 TEST(MergeKey, IdentityIsMsgIdVersionSizeAndBytes) {

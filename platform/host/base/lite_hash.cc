@@ -69,6 +69,9 @@ static_assert(offsetof(Slot, node) == 0 && sizeof(Slot) == 16, "four slots to a 
 constexpr size_t kLine = 64;
 constexpr uint32_t kMinSlabElems = 16;
 constexpr uint32_t kMaxSlabElems = 16384;
+// A slab's bytes fit 32 bits whatever the element size (a 16-bit quantity,
+// plus the header and the stride's rounding), so offsets inside it do too.
+static_assert(uint64_t{kMaxSlabElems} * (UINT16_MAX + 16 + 64) < (uint64_t{1} << 32));
 constexpr uint32_t kMinSlots = 16;
 constexpr uint32_t kMaxFirstSlots = uint32_t{1} << 20;
 
@@ -253,6 +256,7 @@ struct LITE_HASH {
     uint64_t modMagic;   // ceil(2^64 / bucketNum), for a division-free modulo
     uint32_t bucketNum;
     uint32_t stride;     // header + element, see StrideFor
+    uint64_t strideMagic; // ceil(2^64 / stride), to divide by the stride without a division
     uint32_t elemSize;
     uint32_t carveLeft;
     uint32_t slabElems;  // elements per slab
@@ -265,6 +269,8 @@ struct LITE_HASH {
     uint8_t *hitSlab;    // the slab of the last removal by an element's own key
     uint8_t **fresh;     // slabs kept at a trim, not carved since
     uint32_t freshNum;
+    const void *addKey;  // key and element of the last add, for the bucket count
+    void *addElem;       // that the merge queue asks right after it (null: none)
     uint32_t live;       // elements taken and not released
     uint32_t peak;       // most elements live since the table was last empty
     uint32_t prevPeak;   // the same for the fill before
@@ -463,7 +469,10 @@ void *ElemHolding(LITE_HASH_S *h, const void *key) {
         if (a - base >= SlabBytes(h)) return nullptr;
         h->hitSlab = h->slabs[at - 1];
     }
-    uintptr_t elem = base + (a - base) / h->stride * h->stride + sizeof(ElemHdr);
+    // (a - base) is below a slab's size, which fits 32 bits.
+    auto off = static_cast<uint32_t>(a - base);
+    auto index = static_cast<uint32_t>((static_cast<__uint128_t>(h->strideMagic) * off) >> 64);
+    uintptr_t elem = base + uintptr_t{index} * h->stride + sizeof(ElemHdr);
     if (a < elem || a - elem >= h->elemSize) return nullptr;
     void *e = reinterpret_cast<void *>(elem);  // NOLINT(performance-no-int-to-ptr)
     return HdrOf(e)->bucket1 != 0 ? e : nullptr;
@@ -529,6 +538,7 @@ QOV_PLAT_API LITE_HASH_S *LITE_HASH_CreateWithLock(uint32_t memPtNo, uint16_t el
     // Room for the free-list link in a released element, even a tiny one.
     uint32_t body = elemSize < sizeof(void *) ? uint32_t{sizeof(void *)} : elemSize;
     h->stride = StrideFor(static_cast<uint32_t>(sizeof(ElemHdr)) + body);
+    h->strideMagic = UINT64_MAX / h->stride + 1;
     h->elemSize = elemSize;
     h->hashFunc = hashFunc;
     h->cmpFunc = cmpFunc;
@@ -540,6 +550,8 @@ QOV_PLAT_API LITE_HASH_S *LITE_HASH_CreateWithLock(uint32_t memPtNo, uint16_t el
     h->hitSlab = nullptr;
     h->slabNum = h->slabCap = h->freshNum = 0;
     h->live = h->peak = h->prevPeak = 0;
+    h->addKey = nullptr;
+    h->addElem = nullptr;
     return h;
 }
 
@@ -576,6 +588,7 @@ QOV_PLAT_API void LITE_HASH_FreeData(LITE_HASH_S *hash, void *element) {
         if (HdrOf(element)->bucket1 != 0) {
             if (Slot *s = SlotOfElem(hash, element); s != nullptr) Vacate(hash, static_cast<uint32_t>(s - hash->slots));
         }
+        if (element == hash->addElem) hash->addElem = nullptr;
         std::memcpy(element, &hash->freeList, sizeof(void *));
         hash->freeList = element;
         if (--hash->live == 0) Trim(hash);
@@ -583,7 +596,7 @@ QOV_PLAT_API void LITE_HASH_FreeData(LITE_HASH_S *hash, void *element) {
     });
 }
 
-// The closures below hold two words at most, so that the way out of line
+// The closures below hold three words at most, so that the way out of line
 // takes them in registers.
 QOV_PLAT_API uint32_t LITE_HASH_AddNode(LITE_HASH_S *hash, const void *key, void *element, uint32_t flags) {
     (void)flags;
@@ -595,7 +608,7 @@ QOV_PLAT_API uint32_t LITE_HASH_AddNode(LITE_HASH_S *hash, const void *key, void
     // The element is the caller's until it is linked, so its header is
     // written before the lock is taken.
     hdr->hash = hash->hashFunc(key);
-    return WithLock(hash->lock, true, [hash, hdr]() -> uint32_t {
+    return WithLock(hash->lock, true, [hash, hdr, key]() -> uint32_t {
         // Normally grown already when the element was taken; this keeps a
         // free slot for elements added without a fresh NewData.
         if (static_cast<uint32_t>(hash->count) + 1 > hash->mask - hash->mask / 8 && !Grow(hash)) return 1;
@@ -605,6 +618,8 @@ QOV_PLAT_API uint32_t LITE_HASH_AddNode(LITE_HASH_S *hash, const void *key, void
         Place(hash->slots, hash->mask, HomeOf(hash, hv), hdr->node.data, hv);
         hash->bucketCnt[bucket]++;
         hash->count++;
+        hash->addKey = key;
+        hash->addElem = hdr->node.data;
         return 0;
     });
 }
@@ -633,11 +648,19 @@ QOV_PLAT_API void *LITE_HASH_RemoveNodeByKey(LITE_HASH_S *hash, const void *key)
     });
 }
 
-// The count needs the key's bucket, and the interface gives only the key:
-// one hash call. (Comparing with the element linked last, to take its
-// bucket, costs more than the orchestrator's hash does.)
+// The count needs the key's bucket, and the interface gives only the key.
+// The merge queue asks it right after adding an element under the same key:
+// when the element added last is still linked and equals the key, its
+// bucket is the key's (equal keys hash alike), and a compare costs less
+// than the orchestrator's hash. Otherwise one hash call.
 QOV_PLAT_API int32_t LITE_HASH_GetListCntByKey(LITE_HASH_S *hash, const void *key) {
     if (hash == nullptr || key == nullptr) return 0;
+    int32_t n = WithLock(hash->lock, false, [hash, key]() -> int32_t {
+        void *e = hash->addElem;
+        if (e == nullptr || key != hash->addKey || HdrOf(e)->bucket1 == 0 || hash->cmpFunc(e, key) == 0) return -1;
+        return static_cast<int32_t>(hash->bucketCnt[HdrOf(e)->bucket1 - 1]);
+    });
+    if (n >= 0) return n;
     uint32_t hv = hash->hashFunc(key);
     return WithLock(hash->lock, false, [hash, hv] { return static_cast<int32_t>(hash->bucketCnt[BucketOf(hash, hv)]); });
 }
