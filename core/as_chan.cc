@@ -25,6 +25,56 @@ constexpr ASOrchChanPara ChanRow(uint32_t idx, const char (&suffix)[N], uint32_t
     return p;
 }
 
+uint32_t ASOrchGetChanServerIp(void) {
+    in_addr addr{};
+    if (inet_pton(AF_INET, "127.0.0.1", &addr) != 1) return 0;
+    return addr.s_addr;
+}
+
+void ASOrchChanParamCfg(ASOrchChanPara *chan, const ASOrchChanSlot *slot) {
+    chan->word4 = AS_ALL_LOW30;
+    chan->word80 = 0;
+    chan->word96 = 0;
+    chan->serverAddrFunc = ASOrchGetChanServerIp;
+    chan->serverPort = htons(static_cast<uint16_t>(slot->realServerPort & 0xFFFFu));
+    chan->chanUsrData = slot->chanUsrData;
+}
+
+uint32_t ASOrchChanAddNamePrefix(const char *orchName, char chanName[AS_THREAD_NAME_LEN]) {
+    if (strnlen(chanName, AS_THREAD_NAME_LEN) > kMaxSuffixLen) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, chanName %.*s over max name length.", orchName,
+                            static_cast<int>(AS_THREAD_NAME_LEN), chanName);
+        return 1;
+    }
+    char buf[AS_THREAD_NAME_LEN] = {};
+    if (strcpy_s(buf, sizeof buf, orchName) != 0) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Broker autosync Name Excceeds", buf);  // sic: the line's own spelling
+        return 1;
+    }
+    if (strcat_s(buf, sizeof buf, chanName) != 0) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "Cat %s and %s failed.", buf, chanName);
+        return 1;
+    }
+    if (memcpy_s(chanName, AS_THREAD_NAME_LEN, buf, sizeof buf) != 0) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Broker autosync chanName Excceeds", chanName);
+        return 1;
+    }
+    return 0;
+}
+
+uint32_t ASOrchRegChannel(ASOrchHandle *hdl, const ASOrchChanSlot *slot, const ASOrchChanPara *row) {
+    ASOrchChanPara chan = *row;
+    if ((hdl->threadMask & AS_THREAD_BIT_EVENT) == 0) chan.chanThreadId = QOV_EAL_THREAD_DATA;
+    if (ASOrchChanAddNamePrefix(hdl->name, chan.chanName) != 0) return 1;
+    ASOrchChanParamCfg(&chan, slot);
+    QOV_EAL_ChanPara eal;
+    if (memcpy_s(&eal, sizeof eal, &chan, sizeof chan) != 0 || QOV_EAL_RegUcChannel(hdl->ealHdl, &eal, 1) != 0) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, RegUcChannel %s fail.", hdl->name, chan.chanName);
+        return 1;
+    }
+    return 0;
+}
+
 }  // namespace
 
 extern "C" {
@@ -62,56 +112,4 @@ uint32_t ASOrchRegBaseChan(ASOrchHandle *hdl, const ASOrchBasePara *para) {
         return 1;
     }
     return 0;
-}
-
-uint32_t ASOrchRegChannel(ASOrchHandle *hdl, const ASOrchChanSlot *slot, const ASOrchChanPara *row) {
-    ASOrchChanPara chan = *row;
-    if ((hdl->threadMask & AS_THREAD_BIT_EVENT) == 0) chan.chanThreadId = QOV_EAL_THREAD_DATA;
-    if (ASOrchChanAddNamePrefix(hdl->name, static_cast<uint32_t>(strnlen(hdl->name, AS_ORCH_NAME_LEN)),
-                                chan.chanName) != 0)
-        return 1;
-    ASOrchChanParamCfg(&chan, slot);
-    QOV_EAL_ChanPara eal;
-    if (memcpy_s(&eal, sizeof eal, &chan, sizeof chan) != 0 || QOV_EAL_RegUcChannel(hdl->ealHdl, &eal, 1) != 0) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, RegUcChannel %s fail.", hdl->name, chan.chanName);
-        return 1;
-    }
-    return 0;
-}
-
-uint32_t ASOrchChanAddNamePrefix(const char *orchName, uint32_t /*orchNameLen*/, char chanName[AS_THREAD_NAME_LEN]) {
-    if (strnlen(chanName, AS_THREAD_NAME_LEN) > kMaxSuffixLen) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, chanName %.*s over max name length.", orchName,
-                            static_cast<int>(AS_THREAD_NAME_LEN), chanName);
-        return 1;
-    }
-    char buf[AS_THREAD_NAME_LEN] = {};
-    if (strcpy_s(buf, sizeof buf, orchName) != 0) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Broker autosync Name Excceeds", buf);  // sic: the line's own spelling
-        return 1;
-    }
-    if (strcat_s(buf, sizeof buf, chanName) != 0) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "Cat %s and %s failed.", buf, chanName);
-        return 1;
-    }
-    if (memcpy_s(chanName, AS_THREAD_NAME_LEN, buf, sizeof buf) != 0) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Broker autosync chanName Excceeds", chanName);
-        return 1;
-    }
-    return 0;
-}
-
-void ASOrchChanParamCfg(ASOrchChanPara *chan, const ASOrchChanSlot *slot) {
-    chan->word4 = AS_ALL_LOW30;
-    chan->word80 = 0;
-    chan->word96 = 0;
-    chan->serverAddrFunc = ASOrchGetChanServerIp;
-    chan->serverPort = htons(static_cast<uint16_t>(slot->realServerPort & 0xFFFFu));
-    chan->chanUsrData = slot->chanUsrData;
-}
-
-uint32_t ASOrchGetChanServerIp(void) {
-    in_addr addr{};
-    if (inet_pton(AF_INET, "127.0.0.1", &addr) != 1) return 0;
-    return addr.s_addr;
 }

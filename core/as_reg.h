@@ -28,24 +28,14 @@ static_assert(offsetof(QOV_EAL_ChanPara, chanUsrData) == offsetof(ASOrchChanPara
 
 constexpr uint32_t AS_THREAD_NAME_LEN = 32;  // thread and channel names, with the NUL
 
-// Step "RegThread" and its parts.
+// Step "RegThread".
 uint32_t ASOrchRegThread(ASOrchHandle *hdl, const ASOrchBasePara *para);
-uint32_t ASOrchSetThreadName(const char *orchName, QOV_EAL_ThreadPara *rows, uint32_t rowNum);
-uint32_t ASOrchRegThreadBase(ASOrchHandle *hdl, const ASOrchBasePara *para, const QOV_EAL_ThreadPara *rows,
-                             uint32_t rowNum);
 
 // Steps "ModStateRsp" and "ReservePort": forwarders whose result is the EAL's.
 uint32_t ASOrchRegModStateRsp(ASOrchHandle *hdl, const ASOrchBasePara *para);
 uint32_t ASOrchReservePort(ASOrchHandle *hdl, const ASOrchBasePara *para);
 
-// Step "channel" and its parts.
+// Step "channel".
 uint32_t ASOrchRegBaseChan(ASOrchHandle *hdl, const ASOrchBasePara *para);
-uint32_t ASOrchRegChannel(ASOrchHandle *hdl, const ASOrchChanSlot *slot, const ASOrchChanPara *row);
-uint32_t ASOrchChanAddNamePrefix(const char *orchName, uint32_t orchNameLen, char chanName[AS_THREAD_NAME_LEN]);
-void ASOrchChanParamCfg(ASOrchChanPara *chan, const ASOrchChanSlot *slot);
-uint32_t ASOrchGetChanServerIp(void);
-
-// Runs the step table over a checked handle and record.
-uint32_t ASOrchBaseProc(ASOrchHandle *hdl, const ASOrchBasePara *para);
 
 #endif

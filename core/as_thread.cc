@@ -28,39 +28,6 @@ void AppendRow(ASOrchHandle *hdl, const QOV_EAL_ThreadPara &row, QOV_EAL_ThreadP
                         row.threadName, row.threadId);
 }
 
-}  // namespace
-
-extern "C" QOV_AS_API uint32_t ASOrchThreadSet(uint32_t *mask, uint32_t count, ...) {
-    if (mask == nullptr || count == 0 || count > kMaxKinds) return 1;
-    va_list ap;
-    va_start(ap, count);
-    uint32_t bits = 0;
-    bool badKind = false;
-    for (uint32_t i = 0; i < count; ++i) {
-        uint32_t kind = va_arg(ap, uint32_t);
-        if (kind >= kMaskBits) badKind = true;
-        else bits |= 1u << kind;
-    }
-    va_end(ap);
-    if (badKind || static_cast<uint32_t>(std::popcount(bits)) != count) return 1;
-    *mask = bits;
-    return 0;
-}
-
-uint32_t ASOrchRegThread(ASOrchHandle *hdl, const ASOrchBasePara *para) {
-    if ((para->threadMask & AS_THREAD_BIT_DATA) == 0) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, set threads fail, has not Data thread", hdl->name);
-        return 1;
-    }
-    QOV_EAL_ThreadPara rows[kThreadTableNum];
-    if (memcpy_s(rows, sizeof rows, kThreadTable, sizeof kThreadTable) != 0 ||
-        ASOrchSetThreadName(hdl->name, rows, kThreadTableNum) != 0) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, set threads name fail", hdl->name);
-        return 1;
-    }
-    return ASOrchRegThreadBase(hdl, para, rows, kThreadTableNum);
-}
-
 uint32_t ASOrchSetThreadName(const char *orchName, QOV_EAL_ThreadPara *rows, uint32_t rowNum) {
     if (rowNum == 0) return 0;
     if (orchName == nullptr || rows == nullptr) return 1;
@@ -95,3 +62,37 @@ uint32_t ASOrchRegThreadBase(ASOrchHandle *hdl, const ASOrchBasePara *para, cons
     QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "%s, register %u threads ok", hdl->name, num);
     return 0;
 }
+
+}  // namespace
+
+extern "C" QOV_AS_API uint32_t ASOrchThreadSet(uint32_t *mask, uint32_t count, ...) {
+    if (mask == nullptr || count == 0 || count > kMaxKinds) return 1;
+    va_list ap;
+    va_start(ap, count);
+    uint32_t bits = 0;
+    bool badKind = false;
+    for (uint32_t i = 0; i < count; ++i) {
+        uint32_t kind = va_arg(ap, uint32_t);
+        if (kind >= kMaskBits) badKind = true;
+        else bits |= 1u << kind;
+    }
+    va_end(ap);
+    if (badKind || static_cast<uint32_t>(std::popcount(bits)) != count) return 1;
+    *mask = bits;
+    return 0;
+}
+
+uint32_t ASOrchRegThread(ASOrchHandle *hdl, const ASOrchBasePara *para) {
+    if ((para->threadMask & AS_THREAD_BIT_DATA) == 0) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, set threads fail, has not Data thread", hdl->name);
+        return 1;
+    }
+    QOV_EAL_ThreadPara rows[kThreadTableNum];
+    if (memcpy_s(rows, sizeof rows, kThreadTable, sizeof kThreadTable) != 0 ||
+        ASOrchSetThreadName(hdl->name, rows, kThreadTableNum) != 0) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, set threads name fail", hdl->name);
+        return 1;
+    }
+    return ASOrchRegThreadBase(hdl, para, rows, kThreadTableNum);
+}
+

@@ -12,6 +12,41 @@ uint16_t MqElemSize(uint32_t dataSize) {
     return size > UINT16_MAX ? 0 : static_cast<uint16_t>(size);
 }
 
+uint32_t QOV_MergeQueHashCmpFunc(const void *element, const void *key) {
+    if (element == nullptr || key == nullptr) return 0;
+    auto *entry = static_cast<MergeQueEntry *>(const_cast<void *>(element));
+    if (entry->owner == nullptr || entry->owner->para.cmpFunc == nullptr) return 0;
+    return entry->owner->para.cmpFunc(MqEntryData(entry), key);
+}
+
+uint32_t QOV_MergeQueHashCreate(MergeQueCtrlBlk *mque) {
+    uint16_t elemSize = MqElemSize(mque->para.dataSize);
+    if (elemSize != 0) {
+        mque->hash = LITE_HASH_CreateWithLock(mque->para.memPtNo, elemSize, mque->para.hashSize,
+                                              mque->para.hashFunc, QOV_MergeQueHashCmpFunc, 0);
+    }
+    if (mque->hash == nullptr) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MERGE_QUE HashCreate] %s hash new Fail", mque->name);
+        return 1;
+    }
+    return 0;
+}
+
+void QOV_MergeQueHashDelete(MergeQueCtrlBlk *mque) {
+    if (mque->hash == nullptr) return;
+    LITE_HASH_DeleteHash(&mque->hash);
+    mque->hash = nullptr;
+}
+
+uint32_t QOV_MergeQueReaderInit(MergeQueCtrlBlk *mque) {
+    mque->reader.list.next = &mque->reader.list;
+    mque->reader.list.prev = &mque->reader.list;
+    mque->reader.itemCnt = 0;
+    mque->reader.eventFd = -1;
+    mque->reader.epollReg = 0;
+    return QOV_MergeQueEpollReg(mque);
+}
+
 // Stops the reader and closes its event descriptor, so that no dispatch can
 // reach the queue once it is gone.
 void MqReaderRelease(MergeQueCtrlBlk *mque) {
@@ -29,10 +64,6 @@ void MqCreateUndo(MergeQueCtrlBlk *mque, const MergeQueCreatePara *para) {
     para->freeFunc(mque);
 }
 
-}  // namespace
-
-extern "C" {
-
 uint32_t QOV_MergeQueGlbInit(const char *name) {
     if (pthread_mutex_lock(&g_qovMergeQueGlbCb.glbInitMutex) != 0) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MERGE_QUE Create] %s glb init failed.", name);
@@ -43,23 +74,6 @@ uint32_t QOV_MergeQueGlbInit(const char *name) {
         g_qovMergeQueGlbCb.initFlag = 1;
     }
     pthread_mutex_unlock(&g_qovMergeQueGlbCb.glbInitMutex);
-    return 0;
-}
-
-uint32_t QOV_MergeQueCreateCheck(const char *name, const MergeQueCreatePara *para) {
-    if (QOV_MergeQueGlbInit(name) != 0) return 1;
-    if (para->mallocFunc == nullptr || para->freeFunc == nullptr) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MERGE_QUE Create] %s para mem func invalid.", name);
-        return 1;
-    }
-    if (para->hashFunc == nullptr || para->cmpFunc == nullptr || para->getKeyPtr == nullptr) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MQUE Create] %s para hash func invalid.", name);
-        return 1;
-    }
-    if (para->epFd < 0) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MERGE_QUE Create] %s para epFd invalid.", name);
-        return 1;
-    }
     return 0;
 }
 
@@ -82,13 +96,34 @@ uint32_t QOV_Merge_Init(const char *name, MergeQueCtrlBlk *mque, const MergeQueC
     return 0;
 }
 
+}  // namespace
+
+extern "C" {
+
+bool QOV_MergeQueCreateCheck(const char *name, const MergeQueCreatePara *para) {
+    if (QOV_MergeQueGlbInit(name) != 0) return false;
+    if (para->mallocFunc == nullptr || para->freeFunc == nullptr) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MERGE_QUE Create] %s para mem func invalid.", name);
+        return false;
+    }
+    if (para->hashFunc == nullptr || para->cmpFunc == nullptr || para->getKeyPtr == nullptr) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MQUE Create] %s para hash func invalid.", name);
+        return false;
+    }
+    if (para->epFd < 0) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MERGE_QUE Create] %s para epFd invalid.", name);
+        return false;
+    }
+    return true;
+}
+
 QOV_AS_API MergeQueCtrlBlk *QOV_MergeQueCreate(const char *name, const MergeQueCreatePara *para) {
     if (name == nullptr || para == nullptr) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MERGE_QUE Create] para is null, name: %u, para: %u.", name == nullptr ? 1u : 0u,
                             para == nullptr ? 1u : 0u);
         return nullptr;
     }
-    if (QOV_MergeQueCreateCheck(name, para) != 0) return nullptr;
+    if (!QOV_MergeQueCreateCheck(name, para)) return nullptr;
     if (QOV_MergeQueNameTreeFind(name) != nullptr) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MERGE_QUE Create] create Fail because find %s exist!", name);
         return nullptr;
@@ -127,41 +162,6 @@ QOV_AS_API uint32_t QOV_MergeQueDestory(MergeQueCtrlBlk *mque) {
     QOV_MergeQueHashDelete(mque);
     mque->para.freeFunc(mque);
     return 0;
-}
-
-uint32_t QOV_MergeQueHashCreate(MergeQueCtrlBlk *mque) {
-    uint16_t elemSize = MqElemSize(mque->para.dataSize);
-    if (elemSize != 0) {
-        mque->hash = LITE_HASH_CreateWithLock(mque->para.memPtNo, elemSize, mque->para.hashSize,
-                                              mque->para.hashFunc, QOV_MergeQueHashCmpFunc, 0);
-    }
-    if (mque->hash == nullptr) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[QOV_MERGE_QUE HashCreate] %s hash new Fail", mque->name);
-        return 1;
-    }
-    return 0;
-}
-
-void QOV_MergeQueHashDelete(MergeQueCtrlBlk *mque) {
-    if (mque->hash == nullptr) return;
-    LITE_HASH_DeleteHash(&mque->hash);
-    mque->hash = nullptr;
-}
-
-uint32_t QOV_MergeQueHashCmpFunc(const void *element, const void *key) {
-    if (element == nullptr || key == nullptr) return 0;
-    auto *entry = static_cast<MergeQueEntry *>(const_cast<void *>(element));
-    if (entry->owner == nullptr || entry->owner->para.cmpFunc == nullptr) return 0;
-    return entry->owner->para.cmpFunc(MqEntryData(entry), key);
-}
-
-uint32_t QOV_MergeQueReaderInit(MergeQueCtrlBlk *mque) {
-    mque->reader.list.next = &mque->reader.list;
-    mque->reader.list.prev = &mque->reader.list;
-    mque->reader.itemCnt = 0;
-    mque->reader.eventFd = -1;
-    mque->reader.epollReg = 0;
-    return QOV_MergeQueEpollReg(mque);
 }
 
 }  // extern "C"

@@ -3,15 +3,19 @@
 
 #include "mergeque/mq_private.h"
 
+namespace {
+
+int QOV_MergeQueStrCompare(const void *name1, const void *name2) {
+    return strcmp(static_cast<const char *>(name1), static_cast<const char *>(name2));
+}
+
+}  // namespace
+
 extern "C" {
 
 MergeQueGlbCb g_qovMergeQueGlbCb = {
     {nullptr, nullptr, nullptr}, {nullptr, 0, 0}, 0, PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
 };
-
-int QOV_MergeQueStrCompare(const void *name1, const void *name2) {
-    return strcmp(static_cast<const char *>(name1), static_cast<const char *>(name2));
-}
 
 void QOV_MergeQueNameTreeInit(void) {
     g_qovMergeQueGlbCb.nameTree = YAV_AVL3_TREE{nullptr, nullptr, nullptr};
@@ -41,17 +45,6 @@ uint32_t QOV_MergeQueNameTreeInsert(MergeQueCtrlBlk *mque) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s NameTreeInsert %s.", mque->name, "Fail");
         return 1;
     }
-    return 0;
-}
-
-uint32_t QOV_MergeQueNameTreeDelete(const char *name) {
-    int err = pthread_mutex_lock(&g_qovMergeQueGlbCb.nameTreeMutex);
-    if (err != 0) return static_cast<uint32_t>(err);
-    auto *mque = static_cast<MergeQueCtrlBlk *>(
-        YAV_AVL3_Find(&g_qovMergeQueGlbCb.nameTree, name, &g_qovMergeQueGlbCb.treeInfo));
-    if (mque != nullptr) YAV_AVL3_Delete(&g_qovMergeQueGlbCb.nameTree, &mque->nameNode);
-    pthread_mutex_unlock(&g_qovMergeQueGlbCb.nameTreeMutex);
-    QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "%s NameTreeDelete.", name);
     return 0;
 }
 

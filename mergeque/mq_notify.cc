@@ -57,16 +57,6 @@ uint32_t EpollRegLocked(MergeQueCtrlBlk *mque, uint32_t ctl) {
     return 0;
 }
 
-}  // namespace
-
-extern "C" {
-
-uint32_t QOV_MergeQueEpollReg(MergeQueCtrlBlk *mque) {
-    uint32_t ret = EpollRegLocked(mque, RegLock(mque));
-    RegUnlock(mque);
-    return ret;
-}
-
 // On the queue's own thread the removal never waits: a dispatch of this queue
 // running there is the caller itself.
 void QOV_MergeQueEpollUnReg(MergeQueCtrlBlk *mque) {
@@ -78,6 +68,41 @@ void QOV_MergeQueEpollUnReg(MergeQueCtrlBlk *mque) {
         rd.epollReg = 0;
     }
     RegUnlock(mque);
+}
+
+// Whether attr can watch the queue; false after a log line naming what is wrong.
+bool QOV_MergeQueMonitorCheck(const MergeQueCtrlBlk *mque, const MergeQueMonitorAttr *attr) {
+    if (mque == nullptr || attr == nullptr) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "MonitorReg failed, para is null, mqueHandle: %u, monitorAttr: %u.",
+                            mque == nullptr ? 1u : 0u, attr == nullptr ? 1u : 0u);
+        return false;
+    }
+    if (attr->highWater <= attr->lowWater) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "merge queue %s MonitorReg failed, highWater(%u) less than lowWater(%u).",
+                            mque->name, attr->highWater, attr->lowWater);
+        return false;
+    }
+    if (attr->flowCtrlNotify == nullptr) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "merge queue %s MonitorReg failed, flowCtrlNotify is null.", mque->name);
+        return false;
+    }
+    return true;
+}
+
+// Counts a queue statistic, stamped as the mask says.
+void MqCountStat(MergeQueCtrlBlk *mque, uint32_t id) {
+    mque->stat[id].cnt++;
+    if (((kMqStatStampMask >> id) & 1) != 0) QOV_MergeQueSetTimeStamp(&mque->stat[id].stamp);
+}
+
+}  // namespace
+
+extern "C" {
+
+uint32_t QOV_MergeQueEpollReg(MergeQueCtrlBlk *mque) {
+    uint32_t ret = EpollRegLocked(mque, RegLock(mque));
+    RegUnlock(mque);
+    return ret;
 }
 
 // NOLINTNEXTLINE(bugprone-easily-swappable-parameters): the platform's epoll callback type
@@ -107,26 +132,8 @@ void QOV_MergeQueNotifyByRead(MergeQueCtrlBlk *mque) {
     if (eventfd_write(mque->reader.eventFd, 1) < 0) MqCountReaderStat(mque, MQ_RSTAT_READ_NOTIFY_ERR);
 }
 
-uint32_t QOV_MergeQueMonitorCheck(const MergeQueCtrlBlk *mque, const MergeQueMonitorAttr *attr) {
-    if (mque == nullptr || attr == nullptr) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "MonitorReg failed, para is null, mqueHandle: %u, monitorAttr: %u.",
-                            mque == nullptr ? 1u : 0u, attr == nullptr ? 1u : 0u);
-        return 1;
-    }
-    if (attr->highWater <= attr->lowWater) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "merge queue %s MonitorReg failed, highWater(%u) less than lowWater(%u).",
-                            mque->name, attr->highWater, attr->lowWater);
-        return 1;
-    }
-    if (attr->flowCtrlNotify == nullptr) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "merge queue %s MonitorReg failed, flowCtrlNotify is null.", mque->name);
-        return 1;
-    }
-    return 0;
-}
-
 QOV_AS_API uint32_t QOV_MergeQueMonitorReg(MergeQueCtrlBlk *mque, const MergeQueMonitorAttr *attr) {
-    if (QOV_MergeQueMonitorCheck(mque, attr) != 0) return 1;
+    if (!QOV_MergeQueMonitorCheck(mque, attr)) return 1;
     // The queue is already in the name tree, where reports read the monitor
     // under the tree's mutex; written under it, the monitor is seen whole.
     bool locked = pthread_mutex_lock(&g_qovMergeQueGlbCb.nameTreeMutex) == 0;

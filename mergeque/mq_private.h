@@ -135,17 +135,6 @@ inline void MqListUnlink(MergeQueLink *l) {
     l->next->prev = l->prev;
 }
 
-inline void MqListAddTail(MergeQueLink *head, MergeQueLink *l) {
-    l->prev = head->prev;
-    l->next = head;
-    head->prev->next = l;
-    head->prev = l;
-}
-
-inline MergeQueEntry *MqEntryOfLink(MergeQueLink *l) {
-    return reinterpret_cast<MergeQueEntry *>(reinterpret_cast<uint8_t *>(l) - offsetof(MergeQueEntry, link));
-}
-
 struct MergeQueGlbCb {
     YAV_AVL3_TREE nameTree;
     YAV_AVL3_TREE_INFO treeInfo;
@@ -157,25 +146,17 @@ struct MergeQueGlbCb {
 extern "C" {
 
 // Core and name tree.
-uint32_t QOV_MergeQueCreateCheck(const char *name, const MergeQueCreatePara *para);
-uint32_t QOV_MergeQueGlbInit(const char *name);
-uint32_t QOV_Merge_Init(const char *name, MergeQueCtrlBlk *mque, const MergeQueCreatePara *para);
+// Whether para can make a queue (the name tree is set up first); false after
+// a log line naming what is missing.
+bool QOV_MergeQueCreateCheck(const char *name, const MergeQueCreatePara *para);
 void QOV_MergeQueNameTreeInit(void);
 MergeQueCtrlBlk *QOV_MergeQueNameTreeFind(const char *name);
 uint32_t QOV_MergeQueNameTreeInsert(MergeQueCtrlBlk *mque);
-uint32_t QOV_MergeQueNameTreeDelete(const char *name);
-int QOV_MergeQueStrCompare(const void *name1, const void *name2);
-uint32_t QOV_MergeQueHashCreate(MergeQueCtrlBlk *mque);
-void QOV_MergeQueHashDelete(MergeQueCtrlBlk *mque);
-uint32_t QOV_MergeQueHashCmpFunc(const void *element, const void *key);
-uint32_t QOV_MergeQueReaderInit(MergeQueCtrlBlk *mque);
 
 // Notification and flow control.
 uint32_t QOV_MergeQueEpollReg(MergeQueCtrlBlk *mque);
-void QOV_MergeQueEpollUnReg(MergeQueCtrlBlk *mque);
 uint32_t QOV_MergeQueSchedProc(int32_t fd, uint32_t events, void *usrData);
 void QOV_MergeQueNotifyByRead(MergeQueCtrlBlk *mque);
-uint32_t QOV_MergeQueMonitorCheck(const MergeQueCtrlBlk *mque, const MergeQueMonitorAttr *attr);
 void QOV_MergeQueMonitorWrite(MergeQueCtrlBlk *mque);
 void QOV_MergeQueMonitorRemove(MergeQueCtrlBlk *mque);
 
@@ -185,22 +166,6 @@ const char *QOV_MergeQueGetStatDesc(uint32_t id);
 const char *QOV_MergeQueGetReaderStatDesc(uint32_t id);
 void QOV_MergeQueSetStat(MergeQueCtrlBlk *mque, const void *key);
 char *QOV_MergeQueTrans2Time(char *buf, uint32_t size, const uint64_t *stamp);
-uint32_t QOV_PrintMergeQueBaseInfo(const MergeQueCtrlBlk *mque, char *buf, uint32_t size);
-uint32_t QOV_PrintMergeQueStat(const MergeQueCtrlBlk *mque, char *buf, uint32_t size);
-uint32_t QOV_PrintMergeQueReaderInfo(const MergeQueReader *reader, char *buf, uint32_t size);
-uint32_t QOV_PrintMergeQueReaderBaseInfo(const MergeQueReader *reader, char *buf, uint32_t size);
-
-// Writing and reading.
-uint32_t QOV_MergeQueNewWrite(MergeQueCtrlBlk *mque, const void *key, const void *record);
-void QOV_MergeQueMergeWrite(MergeQueCtrlBlk *mque, void *record, MergeQueEntry *entry, uint32_t moveToTail);
-MergeQueEntry *QOV_MergeQueNewHashData(MergeQueCtrlBlk *mque, const void *key, const void *record);
-void QOV_MergeQueAttachMsgList(MergeQueCtrlBlk *mque, MergeQueEntry *entry);
-void QOV_MergeQueDetachMsgList(MergeQueCtrlBlk *mque, MergeQueEntry *entry);
-void QOV_MergeQueMsgListMoveTail(MergeQueCtrlBlk *mque, MergeQueEntry *entry);
-uint32_t QOV_MergeQueRemoveHash(MergeQueCtrlBlk *mque, MergeQueEntry *entry);
-uint32_t QOV_MergeQueReadBase(MergeQueCtrlBlk *mque, uint32_t recSize, void *buf, uint32_t maxCount);
-uint32_t QOV_MergeQueReadToCallBack(MergeQueCtrlBlk *mque, uint32_t maxCount, MergeQueReadFunc func,
-                                    void *usrData);
 
 }  // extern "C"
 
@@ -226,9 +191,5 @@ inline void MqAddReaderStat(MergeQueCtrlBlk *mque, uint32_t id, uint32_t n) {
     if (((kMqReaderStampMask >> id) & 1) != 0) QOV_MergeQueSetTimeStamp(&mque->reader.stat[id].stamp);
 }
 inline void MqCountReaderStat(MergeQueCtrlBlk *mque, uint32_t id) { MqAddReaderStat(mque, id, 1); }
-inline void MqCountStat(MergeQueCtrlBlk *mque, uint32_t id) {
-    mque->stat[id].cnt++;
-    if (((kMqStatStampMask >> id) & 1) != 0) QOV_MergeQueSetTimeStamp(&mque->stat[id].stamp);
-}
 
 #endif

@@ -5,6 +5,27 @@
 
 namespace {
 
+inline MergeQueEntry *MqEntryOfLink(MergeQueLink *l) {
+    return reinterpret_cast<MergeQueEntry *>(reinterpret_cast<uint8_t *>(l) - offsetof(MergeQueEntry, link));
+}
+
+void QOV_MergeQueDetachMsgList(MergeQueCtrlBlk *mque, MergeQueEntry *entry) {
+    MqListUnlink(&entry->link);
+    entry->link.next = &entry->link;
+    entry->link.prev = &entry->link;
+    if (mque->reader.itemCnt != 0) mque->reader.itemCnt--;
+    MqCountReaderStat(mque, MQ_RSTAT_SUCCESS_READ);
+}
+
+uint32_t QOV_MergeQueRemoveHash(MergeQueCtrlBlk *mque, MergeQueEntry *entry) {
+    const void *key = mque->para.getKeyPtr(MqEntryData(entry));
+    if (LITE_HASH_RemoveNodeByKey(mque->hash, key) == nullptr) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s failed to remove HashNode!", mque->name);
+        return 1;
+    }
+    return 0;
+}
+
 // Takes an entry out of the list and the hash table; the caller releases it.
 inline void MqTakeOut(MergeQueCtrlBlk *mque, MergeQueEntry *entry) {
     QOV_MergeQueDetachMsgList(mque, entry);
@@ -34,34 +55,6 @@ inline void MqCountShortfall(MergeQueCtrlBlk *mque, uint32_t maxCount, uint32_t 
     if (read < maxCount) MqAddReaderStat(mque, MQ_RSTAT_EMPTY_READ, maxCount - read);
 }
 
-}  // namespace
-
-extern "C" {
-
-void QOV_MergeQueDetachMsgList(MergeQueCtrlBlk *mque, MergeQueEntry *entry) {
-    MqListUnlink(&entry->link);
-    entry->link.next = &entry->link;
-    entry->link.prev = &entry->link;
-    if (mque->reader.itemCnt != 0) mque->reader.itemCnt--;
-    MqCountReaderStat(mque, MQ_RSTAT_SUCCESS_READ);
-}
-
-uint32_t QOV_MergeQueRemoveHash(MergeQueCtrlBlk *mque, MergeQueEntry *entry) {
-    const void *key = mque->para.getKeyPtr(MqEntryData(entry));
-    if (LITE_HASH_RemoveNodeByKey(mque->hash, key) == nullptr) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s failed to remove HashNode!", mque->name);
-        return 1;
-    }
-    return 0;
-}
-
-QOV_AS_API uint32_t QOV_MergeQueRead(MergeQueCtrlBlk *mque, void *buf, uint32_t maxCount) {
-    if (mque == nullptr || buf == nullptr || maxCount == 0 || !MqReadBegin(mque)) return 0;
-    uint32_t read = QOV_MergeQueReadBase(mque, mque->para.dataSize, buf, maxCount);
-    MqReadEnd(mque);
-    return read;
-}
-
 uint32_t QOV_MergeQueReadBase(MergeQueCtrlBlk *mque, uint32_t recSize, void *buf, uint32_t maxCount) {
     uint32_t limit = maxCount == 0 ? 1 : maxCount;
     MergeQueLink *head = &mque->reader.list;
@@ -76,14 +69,6 @@ uint32_t QOV_MergeQueReadBase(MergeQueCtrlBlk *mque, uint32_t recSize, void *buf
         LITE_HASH_FreeData(mque->hash, entry);
     }
     if (read < limit) MqCountShortfall(mque, maxCount, read);
-    return read;
-}
-
-QOV_AS_API uint32_t QOV_MergeQueReadCallBack(MergeQueCtrlBlk *mque, uint32_t maxCount, MergeQueReadFunc func,
-                                             void *usrData) {
-    if (maxCount == 0 || mque == nullptr || func == nullptr || !MqReadBegin(mque)) return 0;
-    uint32_t read = QOV_MergeQueReadToCallBack(mque, maxCount, func, usrData);
-    MqReadEnd(mque);
     return read;
 }
 
@@ -103,6 +88,25 @@ uint32_t QOV_MergeQueReadToCallBack(MergeQueCtrlBlk *mque, uint32_t maxCount, Me
         LITE_HASH_FreeData(mque->hash, entry);
     }
     if (read < limit) MqCountShortfall(mque, maxCount, read);
+    return read;
+}
+
+}  // namespace
+
+extern "C" {
+
+QOV_AS_API uint32_t QOV_MergeQueRead(MergeQueCtrlBlk *mque, void *buf, uint32_t maxCount) {
+    if (mque == nullptr || buf == nullptr || maxCount == 0 || !MqReadBegin(mque)) return 0;
+    uint32_t read = QOV_MergeQueReadBase(mque, mque->para.dataSize, buf, maxCount);
+    MqReadEnd(mque);
+    return read;
+}
+
+QOV_AS_API uint32_t QOV_MergeQueReadCallBack(MergeQueCtrlBlk *mque, uint32_t maxCount, MergeQueReadFunc func,
+                                             void *usrData) {
+    if (maxCount == 0 || mque == nullptr || func == nullptr || !MqReadBegin(mque)) return 0;
+    uint32_t read = QOV_MergeQueReadToCallBack(mque, maxCount, func, usrData);
+    MqReadEnd(mque);
     return read;
 }
 

@@ -28,6 +28,48 @@ uint32_t MqStatRow(char *buf, uint32_t size, uint32_t used, const char *text, co
     return MqPiece(buf, size, used, kStatRowFmt, text, slot.cnt, timeText);
 }
 
+uint32_t QOV_PrintMergeQueBaseInfo(const MergeQueCtrlBlk *mque, char *buf, uint32_t size) {
+    const MergeQueCreatePara &p = mque->para;
+    uint32_t n = MqPiece(buf, size, 0, "MQUE-1THD-NAME : %s[%s]\n", mque->name, "MQUE");
+    n += MqPiece(buf, size, n, "MQUE-1THD-INFO : MemPtNo [%4u], DataSize [%4u], HashSize [%4u], EpFd [%4d]\n",
+                 p.memPtNo, p.dataSize, p.hashSize, p.epFd);
+    n += MqPiece(buf, size, n, "MQUE-1THD-MONI : HighWater [%4u], LowWater [%4u], OverLoad [%4u]\n",
+                 mque->monitor.highWater, mque->monitor.lowWater, mque->monitor.overLoad);
+    return n;
+}
+
+uint32_t QOV_PrintMergeQueStat(const MergeQueCtrlBlk *mque, char *buf, uint32_t size) {
+    MergeQueStatSlot curr = {static_cast<uint32_t>(LITE_HASH_GetHashCnt(mque->hash)), 0};
+    uint32_t n = MqPiece(buf, size, 0, "\n%-28s %12s    TimeStamp\n", "Mque-1THD StatType", "Count");
+    n += MqPiece(buf, size, n, "%s", kDashes58);
+    n += MqStatRow(buf, size, n, QOV_MergeQueGetStatDesc(MQ_STAT_MAX_CONFLICT), mque->stat[MQ_STAT_MAX_CONFLICT]);
+    n += MqStatRow(buf, size, n, QOV_MergeQueGetStatDesc(MQ_STAT_HISTORY_MAX_CNT),
+                   mque->stat[MQ_STAT_HISTORY_MAX_CNT]);
+    n += MqStatRow(buf, size, n, "Mque CurrCnt", curr);
+    n += MqStatRow(buf, size, n, QOV_MergeQueGetStatDesc(MQ_STAT_OVER_HIGH_WATER),
+                   mque->stat[MQ_STAT_OVER_HIGH_WATER]);
+    n += MqStatRow(buf, size, n, QOV_MergeQueGetStatDesc(MQ_STAT_UNDER_LOW_WATER),
+                   mque->stat[MQ_STAT_UNDER_LOW_WATER]);
+    return n;
+}
+
+uint32_t QOV_PrintMergeQueReaderBaseInfo(const MergeQueReader *reader, char *buf, uint32_t size) {
+    uint32_t n = MqPiece(buf, size, 0, "Reader-ItemCnt : %4u\n", reader->itemCnt);
+    n += MqPiece(buf, size, n, "Reader-INFO : EventFd [%4d/%u]\n", reader->eventFd, reader->epollReg);
+    return n;
+}
+
+uint32_t QOV_PrintMergeQueReaderInfo(const MergeQueReader *reader, char *buf, uint32_t size) {
+    uint32_t n = MqPiece(buf, size, 0, "\n%s", kDashes58);
+    n += QOV_PrintMergeQueReaderBaseInfo(reader, buf + n, size - n);
+    n += MqPiece(buf, size, n, "\n%-28s %12s    TimeStamp\n", "Reader StatType", "Count");
+    n += MqPiece(buf, size, n, "%s", kDashes58);
+    for (uint32_t id = 0; id < MERGE_QUE_READER_STAT_NUM; ++id) {
+        n += MqStatRow(buf, size, n, QOV_MergeQueGetReaderStatDesc(id), reader->stat[id]);
+    }
+    return n;
+}
+
 }  // namespace
 
 extern "C" {
@@ -66,48 +108,6 @@ QOV_AS_API uint32_t QOV_PrintMergeQueInfo(const char *name, char *buf, uint32_t 
         n += QOV_PrintMergeQueReaderInfo(&mque->reader, buf + n, size - n);
     }
     pthread_mutex_unlock(&g_qovMergeQueGlbCb.nameTreeMutex);
-    return n;
-}
-
-uint32_t QOV_PrintMergeQueBaseInfo(const MergeQueCtrlBlk *mque, char *buf, uint32_t size) {
-    const MergeQueCreatePara &p = mque->para;
-    uint32_t n = MqPiece(buf, size, 0, "MQUE-1THD-NAME : %s[%s]\n", mque->name, "MQUE");
-    n += MqPiece(buf, size, n, "MQUE-1THD-INFO : MemPtNo [%4u], DataSize [%4u], HashSize [%4u], EpFd [%4d]\n",
-                 p.memPtNo, p.dataSize, p.hashSize, p.epFd);
-    n += MqPiece(buf, size, n, "MQUE-1THD-MONI : HighWater [%4u], LowWater [%4u], OverLoad [%4u]\n",
-                 mque->monitor.highWater, mque->monitor.lowWater, mque->monitor.overLoad);
-    return n;
-}
-
-uint32_t QOV_PrintMergeQueStat(const MergeQueCtrlBlk *mque, char *buf, uint32_t size) {
-    MergeQueStatSlot curr = {static_cast<uint32_t>(LITE_HASH_GetHashCnt(mque->hash)), 0};
-    uint32_t n = MqPiece(buf, size, 0, "\n%-28s %12s    TimeStamp\n", "Mque-1THD StatType", "Count");
-    n += MqPiece(buf, size, n, "%s", kDashes58);
-    n += MqStatRow(buf, size, n, QOV_MergeQueGetStatDesc(MQ_STAT_MAX_CONFLICT), mque->stat[MQ_STAT_MAX_CONFLICT]);
-    n += MqStatRow(buf, size, n, QOV_MergeQueGetStatDesc(MQ_STAT_HISTORY_MAX_CNT),
-                   mque->stat[MQ_STAT_HISTORY_MAX_CNT]);
-    n += MqStatRow(buf, size, n, "Mque CurrCnt", curr);
-    n += MqStatRow(buf, size, n, QOV_MergeQueGetStatDesc(MQ_STAT_OVER_HIGH_WATER),
-                   mque->stat[MQ_STAT_OVER_HIGH_WATER]);
-    n += MqStatRow(buf, size, n, QOV_MergeQueGetStatDesc(MQ_STAT_UNDER_LOW_WATER),
-                   mque->stat[MQ_STAT_UNDER_LOW_WATER]);
-    return n;
-}
-
-uint32_t QOV_PrintMergeQueReaderInfo(const MergeQueReader *reader, char *buf, uint32_t size) {
-    uint32_t n = MqPiece(buf, size, 0, "\n%s", kDashes58);
-    n += QOV_PrintMergeQueReaderBaseInfo(reader, buf + n, size - n);
-    n += MqPiece(buf, size, n, "\n%-28s %12s    TimeStamp\n", "Reader StatType", "Count");
-    n += MqPiece(buf, size, n, "%s", kDashes58);
-    for (uint32_t id = 0; id < MERGE_QUE_READER_STAT_NUM; ++id) {
-        n += MqStatRow(buf, size, n, QOV_MergeQueGetReaderStatDesc(id), reader->stat[id]);
-    }
-    return n;
-}
-
-uint32_t QOV_PrintMergeQueReaderBaseInfo(const MergeQueReader *reader, char *buf, uint32_t size) {
-    uint32_t n = MqPiece(buf, size, 0, "Reader-ItemCnt : %4u\n", reader->itemCnt);
-    n += MqPiece(buf, size, n, "Reader-INFO : EventFd [%4d/%u]\n", reader->eventFd, reader->epollReg);
     return n;
 }
 

@@ -6,6 +6,49 @@
 
 namespace {
 
+inline void MqListAddTail(MergeQueLink *head, MergeQueLink *l) {
+    l->prev = head->prev;
+    l->next = head;
+    head->prev->next = l;
+    head->prev = l;
+}
+
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): key and record in the order QOV_MergeQueWrite takes them
+MergeQueEntry *QOV_MergeQueNewHashData(MergeQueCtrlBlk *mque, const void *key, const void *record) {
+    auto *entry = static_cast<MergeQueEntry *>(LITE_HASH_NewData(mque->hash, 0));
+    if (entry == nullptr) return nullptr;
+    entry->owner = mque;
+    entry->link.next = &entry->link;
+    entry->link.prev = &entry->link;
+    MqCopyRecord(MqEntryData(entry), record, mque->para.dataSize);
+    if (LITE_HASH_AddNode(mque->hash, key, entry, 0) != 0) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s failed to hash addNode", mque->name);
+        LITE_HASH_FreeData(mque->hash, entry);
+        return nullptr;
+    }
+    return entry;
+}
+
+void QOV_MergeQueAttachMsgList(MergeQueCtrlBlk *mque, MergeQueEntry *entry) {
+    MqListAddTail(&mque->reader.list, &entry->link);
+    MqCountReaderStat(mque, MQ_RSTAT_SUCCESS_WRITE);
+    if (++mque->reader.itemCnt != 1) return;
+    if (eventfd_write(mque->reader.eventFd, 1) < 0) MqCountReaderStat(mque, MQ_RSTAT_WRITE_NOTIFY_ERR);
+}
+
+uint32_t QOV_MergeQueNewWrite(MergeQueCtrlBlk *mque, const void *key, const void *record) {
+    MergeQueEntry *entry = QOV_MergeQueNewHashData(mque, key, record);
+    if (entry == nullptr) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s failed to new hashNode", mque->name);
+        MqCountReaderStat(mque, MQ_RSTAT_FAIL_WRITE);
+        return 1;
+    }
+    QOV_MergeQueSetStat(mque, key);
+    QOV_MergeQueAttachMsgList(mque, entry);
+    QOV_MergeQueMonitorWrite(mque);
+    return 0;
+}
+
 // The merge, inline so that the write's hot path makes no call of its own.
 // Only the record's address is kept across the merge function's call, and
 // the entry is found again from it: the empty asm hides where the address
@@ -52,55 +95,6 @@ QOV_AS_API uint32_t QOV_MergeQueWrite(MergeQueCtrlBlk *mque, const void *key, vo
         return MqWriteRefused(mque, key, record);
     }
     return moveToTail == 1 ? MqWrite<true>(mque, key, record) : MqWrite<false>(mque, key, record);
-}
-
-void QOV_MergeQueMergeWrite(MergeQueCtrlBlk *mque, void *record, MergeQueEntry *entry, uint32_t moveToTail) {
-    if (moveToTail == 1) {
-        MqMerge<true>(mque, record, entry);
-    } else {
-        MqMerge<false>(mque, record, entry);
-    }
-}
-
-uint32_t QOV_MergeQueNewWrite(MergeQueCtrlBlk *mque, const void *key, const void *record) {
-    MergeQueEntry *entry = QOV_MergeQueNewHashData(mque, key, record);
-    if (entry == nullptr) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s failed to new hashNode", mque->name);
-        MqCountReaderStat(mque, MQ_RSTAT_FAIL_WRITE);
-        return 1;
-    }
-    QOV_MergeQueSetStat(mque, key);
-    QOV_MergeQueAttachMsgList(mque, entry);
-    QOV_MergeQueMonitorWrite(mque);
-    return 0;
-}
-
-// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): key and record in the order QOV_MergeQueWrite takes them
-MergeQueEntry *QOV_MergeQueNewHashData(MergeQueCtrlBlk *mque, const void *key, const void *record) {
-    auto *entry = static_cast<MergeQueEntry *>(LITE_HASH_NewData(mque->hash, 0));
-    if (entry == nullptr) return nullptr;
-    entry->owner = mque;
-    entry->link.next = &entry->link;
-    entry->link.prev = &entry->link;
-    MqCopyRecord(MqEntryData(entry), record, mque->para.dataSize);
-    if (LITE_HASH_AddNode(mque->hash, key, entry, 0) != 0) {
-        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s failed to hash addNode", mque->name);
-        LITE_HASH_FreeData(mque->hash, entry);
-        return nullptr;
-    }
-    return entry;
-}
-
-void QOV_MergeQueAttachMsgList(MergeQueCtrlBlk *mque, MergeQueEntry *entry) {
-    MqListAddTail(&mque->reader.list, &entry->link);
-    MqCountReaderStat(mque, MQ_RSTAT_SUCCESS_WRITE);
-    if (++mque->reader.itemCnt != 1) return;
-    if (eventfd_write(mque->reader.eventFd, 1) < 0) MqCountReaderStat(mque, MQ_RSTAT_WRITE_NOTIFY_ERR);
-}
-
-void QOV_MergeQueMsgListMoveTail(MergeQueCtrlBlk *mque, MergeQueEntry *entry) {
-    MqListUnlink(&entry->link);
-    MqListAddTail(&mque->reader.list, &entry->link);
 }
 
 }  // extern "C"

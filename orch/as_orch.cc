@@ -47,8 +47,7 @@ constexpr void (*kReleaseOrder[])(ASOrchHandle *) = {
     ASOrchFreeMergeHandle,
 };
 
-}  // namespace
-
+// Runs the step table over a checked handle and record.
 uint32_t ASOrchBaseProc(ASOrchHandle *hdl, const ASOrchBasePara *para) {
     for (const BaseStep &step : kBaseSteps) {
         if (step.func(hdl, para) != 0) {
@@ -60,6 +59,8 @@ uint32_t ASOrchBaseProc(ASOrchHandle *hdl, const ASOrchBasePara *para) {
     QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "%s, Orch autosync register base success", hdl->name);
     return 0;
 }
+
+}  // namespace
 
 extern "C" {
 

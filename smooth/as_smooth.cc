@@ -51,8 +51,8 @@ int32_t ASOrchSmoothMsgProc(ASOrchHandle *hdl, std::span<const uint8_t> tlv, con
     return kSmoothProc[optType](hdl, tlv, ctrl, batchType);
 }
 
-}  // namespace
-
+// The remapping of the first smoothing TLV's type: *type keeps first and
+// *batchType is 3 unless the mask selects a row.
 // NOLINTNEXTLINE(bugprone-easily-swappable-parameters): two results, named at every call
 void ASOrchTransTblSmoothGetTlvAndBatchType(uint32_t first, uint32_t *type, uint32_t *batchType) {
     *type = first;
@@ -62,6 +62,8 @@ void ASOrchTransTblSmoothGetTlvAndBatchType(uint32_t first, uint32_t *type, uint
     *type = kSmoothTlvType[row];
     *batchType = kSmoothBatchType[row];
 }
+
+}  // namespace
 
 uint32_t ASOrchTransTblSmooth(ASOrchHandle *hdl, const ASOrchTransTlv *tlv, const TblMsgCtrlTrans *ctrl) {
     std::span<uint8_t> value = tlv->value;

@@ -17,10 +17,6 @@ using ASOrchSmoothProc = int32_t(ASOrchHandle *hdl, std::span<const uint8_t> tlv
                                  uint32_t batchType);
 using ASOrchSmoothProcFunc = ASOrchSmoothProc *;
 
-// The remapping of the first smoothing TLV's type: *type keeps first and
-// *batchType is 3 unless the mask selects a row.
-void ASOrchTransTblSmoothGetTlvAndBatchType(uint32_t first, uint32_t *type, uint32_t *batchType);
-
 // Class handlers, one per class record.
 ASOrchSmoothProc ASOrchSmoothClassState;
 ASOrchSmoothProc ASOrchSmoothVrfState;

@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "inbound_fixture.h"
-#include "smooth/smooth_private.h"
 #include "support/msg_encode.h"
 
 namespace inboundtest {
@@ -273,16 +272,24 @@ INSTANTIATE_TEST_SUITE_P(
                    kNone, "orchI, smooth tlv head cut short. remaining = 11", 0, 0}),
     qovtest::RowName());
 
-TEST(SmoothRemapTest, FirstTypesOfBatchRunsMapToTheirClassAndBatch) {
-    // {first type, dispatched as, batch type}; the neighbours and unused rows stay as they are with batch 3.
+TEST_F(TransTest, FirstTypesOfBatchRunsMapToTheirClassAndBatch) {
+    // {first type, dispatched as, batch type}; the neighbours and unused rows
+    // stay as they are with batch 3. The type is seen in the body, the batch
+    // by the with-type callback where the type has one.
+    Register(false, true);
     const uint32_t rows[][3] = {{192, 192, 3}, {193, 10, 1}, {194, 11, 1}, {195, 10, 2}, {196, 11, 2}, {197, 197, 3},
                                 {200, 200, 3}, {201, 16, 1}, {202, 17, 1}, {203, 16, 2}, {204, 204, 3}, {205, 205, 3},
                                 {206, 17, 2},  {207, 207, 3}, {7, 7, 3},    {0xFFFFFFFF, 0xFFFFFFFF, 3}};
     for (const auto &r : rows) {
-        uint32_t type = 0, batch = 0;
-        ASOrchTransTblSmoothGetTlvAndBatchType(r[0], &type, &batch);
-        EXPECT_EQ(type, r[1]) << r[0];
-        EXPECT_EQ(batch, r[2]) << r[0];
+        SmoothTlv first = Smooth(r[1], kTyped);  // sized as the type it is dispatched as
+        first.optType = r[0];
+        Bytes after;
+        Run(qovtest::EncodeTrans({Tlv{kTyped, 3, qovtest::EncodeSmoothRun({first}).bytes, {}}}).bytes, &after);
+        EXPECT_EQ(qovtest::GetU32(after.data() + 24), r[1]) << r[0];
+        EXPECT_TRUE(r[2] == 3 || !g_ev.empty()) << r[0];
+        if (!g_ev.empty()) {
+            EXPECT_EQ(g_ev[0].rfind("pre t=8" + B(r[2]) + " type=" + std::to_string(r[1]) + " ", 0), 0u) << g_ev[0];
+        }
     }
 }
 
