@@ -40,6 +40,7 @@ uint32_t FinalMix(uint32_t h) {
 
 // s modulo the bucket count. Without the handle's merge records, or for a
 // merge type that names no queue's path, the queue default stands in.
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): the order of ASOrchMergeHashFunc, its one caller
 uint32_t BucketOf(const ASOrchHandle *hdl, uint32_t mergeType, uint32_t s) {
     ASOrchPath path;
     if (!ASPathFromIndex(mergeType, &path) || hdl == nullptr || hdl->mergeHandle == nullptr)

@@ -21,6 +21,7 @@ inline uint64_t Load8(const uint8_t *p) {
 }  // namespace as_bytes_detail
 
 // dst and src do not overlap.
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): memcpy's order, which every caller writes
 inline void ASCopyBytes(void *dst, const void *src, size_t n) {
     using as_bytes_detail::Piece16;
     auto *d = static_cast<uint8_t *>(dst);
@@ -51,6 +52,7 @@ inline void ASCopyBytes(void *dst, const void *src, size_t n) {
 }
 
 // The n bytes at a and at b are equal.
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): memcmp's order; equality is symmetric
 inline bool ASBytesEqual(const void *a, const void *b, size_t n) {
     using as_bytes_detail::Load8;
     const auto *x = static_cast<const uint8_t *>(a);

@@ -139,31 +139,6 @@ TEST_F(RegBase, EveryFailingAllocationIsClean) {
     EXPECT_LT(k, 100u);
 }
 
-// A started, fully registered instance with all three threads, destroyed
-// while its Data thread reads a full queue, 100 times: the readers stop before
-// anything goes, the threads are joined and nothing is left.
-TEST_F(RegBase, DestroyWhileTheStartedInstanceReads) {
-    ASOrchBasePara b = ValidBase();
-    b.threadMask = 7;
-    const std::map<void *, size_t> before = qovtest::LiveBlocks();
-    for (int round = 0; round < 100; ++round) {
-        QovHostLogClear();
-        ASOrchHandle *h = Create("orchD");
-        ASSERT_EQ(ASOrchRegBase(h, &b), 0u);
-        ASSERT_EQ(ASOrchInit(h), 0u);
-        ASSERT_EQ(ASOrchStart(h), 0u);
-        ASSERT_EQ(ASOrchMergeBackPress(h, AS_ORCH_MERGE_DAM), 0u);  // no reader while this thread writes
-        for (uint32_t i = 0; i < 200; ++i) {
-            uint8_t key[4];
-            memcpy(key, &i, sizeof key);
-            ASOrchMergeMsgVec v{100, 0, key, sizeof key, nullptr, 0, 0, nullptr};
-            ASSERT_EQ(ASOrchMsgMerge(h, AS_ORCH_MERGE_DAM, &v), 0u);
-        }
-        ASSERT_EQ(ASOrchMergeUnBackPress(h, AS_ORCH_MERGE_DAM), 0u);
-        Destroy(h, before);
-    }
-}
-
 // Threads: the records handed over, packed in kind order.
 struct ThreadCase {
     const char *name;

@@ -60,30 +60,6 @@ uint32_t ExtraMetrics(void *, char *buf, uint32_t size) {
     return n;
 }
 
-// One request: bytes sent as they are (then the sending side shut when asked),
-// then everything the endpoint answers until it closes.
-std::string Ask(const std::string &path, const std::string &bytes, bool shut = false) {
-    sockaddr_un a{};
-    a.sun_family = AF_UNIX;
-    std::memcpy(a.sun_path, path.data(), path.size());
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) {
-        close(fd);
-        return "connect failed";
-    }
-    EXPECT_EQ(send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
-    if (shut) shutdown(fd, SHUT_WR);
-    std::string out;
-    char buf[4096];
-    for (pollfd p{fd, POLLIN, 0}; poll(&p, 1, 5000) == 1;) {
-        ssize_t r = recv(fd, buf, sizeof buf, 0);
-        if (r <= 0) break;
-        out.append(buf, static_cast<size_t>(r));
-    }
-    close(fd);
-    return out;
-}
-
 int Connect(const std::string &path) {
     sockaddr_un a{};
     a.sun_family = AF_UNIX;
@@ -91,6 +67,29 @@ int Connect(const std::string &path) {
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
     return fd;
+}
+
+// Everything the endpoint answers until it closes (or is silent for 5 s).
+std::string ReadAll(int fd) {
+    std::string out;
+    char buf[4096];
+    for (pollfd p{fd, POLLIN, 0}; poll(&p, 1, 5000) == 1;) {
+        ssize_t r = recv(fd, buf, sizeof buf, 0);
+        if (r <= 0) break;
+        out.append(buf, static_cast<size_t>(r));
+    }
+    return out;
+}
+
+// One request: bytes sent as they are (then the sending side shut when asked),
+// then the whole answer.
+std::string Ask(const std::string &path, const std::string &bytes, bool shut = false) {
+    int fd = Connect(path);
+    EXPECT_EQ(send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+    if (shut) shutdown(fd, SHUT_WR);
+    std::string out = ReadAll(fd);
+    close(fd);
+    return out;
 }
 
 // The count of a "%-28s %12u" row of a queue report, or -1.
@@ -354,13 +353,7 @@ TEST_P(Hostile, OneLineAndOthersStillServed) {
     int fd = Connect(sock_);
     EXPECT_EQ(send(fd, row.send.data(), row.send.size(), MSG_NOSIGNAL), static_cast<ssize_t>(row.send.size()));
     if (row.read == HostileRow::kReadAll) {
-        std::string got;
-        char buf[512];
-        for (pollfd p{fd, POLLIN, 0}; poll(&p, 1, 5000) == 1;) {
-            ssize_t r = recv(fd, buf, sizeof buf, 0);
-            if (r <= 0) break;
-            got.append(buf, static_cast<size_t>(r));
-        }
+        std::string got = ReadAll(fd);
         EXPECT_TRUE(got.starts_with(row.answer)) << got;
     } else {
         if (row.read == HostileRow::kReadSomeThenClose) {

@@ -114,13 +114,13 @@ TEST(MqTimeText, Trans2Time) {
     }
 }
 
-TEST(MqStatDesc, TextsByIdAndUnknownIds) {
+// The exported tables are indexed by id; the known texts are pinned by the
+// info report above.
+TEST(MqStatDesc, RowsByIdAndUnknownIds) {
     for (uint32_t id = 0; id < MERGE_QUE_STAT_NUM; ++id) EXPECT_EQ(g_mergeQueStatDesc[id].id, id);
     for (uint32_t id = 0; id < MERGE_QUE_READER_STAT_NUM; ++id) EXPECT_EQ(g_mergeQueReaderStatDesc[id].id, id);
-    EXPECT_STREQ(QOV_MergeQueGetStatDesc(1), "MergeQue HistoryMaxCnt");
-    EXPECT_STREQ(QOV_MergeQueGetStatDesc(4), "MergeQue Unknown Error");
-    EXPECT_STREQ(QOV_MergeQueGetReaderStatDesc(6), "Empty Read");
-    EXPECT_STREQ(QOV_MergeQueGetReaderStatDesc(11), "MergeQue Reader Unknown Error");
+    EXPECT_STREQ(QOV_MergeQueGetStatDesc(MERGE_QUE_STAT_NUM), "MergeQue Unknown Error");
+    EXPECT_STREQ(QOV_MergeQueGetReaderStatDesc(MERGE_QUE_READER_STAT_NUM), "MergeQue Reader Unknown Error");
 }
 
 }  // namespace
