@@ -106,16 +106,20 @@ static int PutNext(Stream *s, QovRouteWorkload *wl) {
     return Put(s, msgId, body, len);
 }
 
-/* Steady phase: bursts every 10 ms at the given rate; flood phase: no pause. */
+/* Steady phase: a burst every millisecond at the given rate, so that a
+ * message waits for at most a millisecond's worth of the ones before it (with
+ * 10 ms bursts, the last of 30 messages of a burst waited for the handlers of
+ * all 30, over a millisecond at the demo's rate whatever the consumer);
+ * flood phase: no pause. */
 /* NOLINTNEXTLINE(bugprone-easily-swappable-parameters): a limit in time and one in entries, named at the two calls */
 static int StreamTimed(Stream *s, QovRouteWorkload *wl, uint32_t rate, uint64_t untilUs, uint64_t maxEntries) {
     uint64_t start = QovBrokerNowUs(), sent = 0;
     while (QovBrokerNowUs() < untilUs && (maxEntries == 0 || wl->entries < maxEntries)) {
         if (rate != 0) {
-            uint64_t due = (QovBrokerNowUs() - start) * rate / 1000000u + rate / 100u + 1u;
+            uint64_t due = (QovBrokerNowUs() - start) * rate / 1000000u + rate / 1000u + 1u;
             if (sent >= due) {
                 if (Flush(s) != 0) return 1;
-                struct timespec pause = {0, 10L * 1000 * 1000};
+                struct timespec pause = {0, 1000L * 1000};
                 nanosleep(&pause, NULL);
                 continue;
             }

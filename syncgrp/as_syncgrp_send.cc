@@ -1,5 +1,6 @@
 // Sending to the sync groups by kind, and feeding what a group delivered into
 // the merge layer.
+#include "merge/merge_internal.h"
 #include "qov_utils_eal.h"
 #include "syncgrp/syncgrp_private.h"
 
@@ -52,11 +53,15 @@ QOV_AS_API void ASOrchMergeSyncGrpDatas(uint32_t count, ASOrchSyncGrpData *items
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, MergeSyncGrpDatas Fail, items or template is Null", NameOf(hdl));
         return;
     }
+    // The merge type is decided once for all items; without a handle each
+    // item goes to ASOrchMsgMerge, which refuses it with its own line.
+    const ASOrchMergeTarget target = hdl != nullptr ? ASOrchMergeTargetOf(hdl, mergeType) : ASOrchMergeTarget{};
     for (uint32_t i = 0; i < count; ++i) {
         items[i].result = AS_ORCH_SYNC_DATA_REFUSED;
         tmpl->key = items[i].data;
         tmpl->data = items[i].data;
-        if (ASOrchMsgMerge(hdl, mergeType, tmpl) == 0)
+        uint32_t r = hdl != nullptr ? ASOrchMergeTo(hdl, &target, tmpl) : ASOrchMsgMerge(hdl, mergeType, tmpl);
+        if (r == 0)
             items[i].result = 0;
         else
             QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "MergeSyncGrpDatas error, i = %u. msgId %u.", i, tmpl->msgId);

@@ -205,48 +205,6 @@ TEST_F(LiteHashTest, EqualKeysAreFoundAndRemovedOneByOne) {
     LITE_HASH_FreeData(hash_, b);
 }
 
-// The bucket count asked by the key an element was just added under stays
-// the key's own when that key was rewritten since, or the element left.
-struct CountAfterAddCase {
-    const char *name;
-    void (*between)(LITE_HASH_S *h, Elem *added, uint64_t *key);
-    int32_t expect;
-};
-
-void PrintTo(const CountAfterAddCase &c, std::ostream *os) { *os << c.name; }
-
-const CountAfterAddCase kCountAfterAdd[] = {
-    {"AsAdded", [](LITE_HASH_S *, Elem *, uint64_t *) {}, 2},
-    {"KeyRewrittenToAnotherBucket", [](LITE_HASH_S *, Elem *, uint64_t *key) { *key = 2; }, 1},
-    {"ElementRemoved", [](LITE_HASH_S *h, Elem *, uint64_t *key) { (void)LITE_HASH_RemoveNodeByKey(h, key); }, 1},
-    {"ElementReusedUnderAnotherKey",
-     [](LITE_HASH_S *h, Elem *added, uint64_t *key) {
-         (void)LITE_HASH_RemoveNodeByKey(h, key);
-         LITE_HASH_FreeData(h, added);
-         auto *e = static_cast<Elem *>(LITE_HASH_NewData(h, 0));
-         static uint64_t other = 9;  // bucket 2
-         *e = {other, 0};
-         (void)LITE_HASH_AddNode(h, &other, e, 0);
-     },
-     1},
-};
-
-class LiteHashCountTest : public LiteHashTest, public ::testing::WithParamInterface<CountAfterAddCase> {};
-
-TEST_P(LiteHashCountTest, CountByTheAddsKey) {
-    ASSERT_NE(Add(1, 0), nullptr);   // bucket 1
-    ASSERT_NE(Add(30, 0), nullptr);  // bucket 2
-    uint64_t key = 8;                // bucket 1, in a buffer of the caller's
-    auto *e = static_cast<Elem *>(LITE_HASH_NewData(hash_, 0));
-    ASSERT_NE(e, nullptr);
-    *e = {key, 0};
-    ASSERT_EQ(LITE_HASH_AddNode(hash_, &key, e, 0), 0u);
-    GetParam().between(hash_, e, &key);
-    EXPECT_EQ(LITE_HASH_GetListCntByKey(hash_, &key), GetParam().expect);
-}
-
-INSTANTIATE_TEST_SUITE_P(Rows, LiteHashCountTest, ::testing::ValuesIn(kCountAfterAdd), qovtest::RowName());
-
 TEST_F(LiteHashTest, ReleasedElementsAreReused) {
     void *e1 = LITE_HASH_NewData(hash_, 0);
     LITE_HASH_FreeData(hash_, e1);
