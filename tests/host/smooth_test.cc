@@ -8,17 +8,7 @@
 
 namespace {
 
-class SmoothEntries : public qovtest::HostTest {
-protected:
-    void SetUp() override {
-        HostTest::SetUp();
-        QovHostSmoothReset();
-    }
-    void TearDown() override {
-        QovHostSmoothReset();
-        HostTest::TearDown();
-    }
-};
+using SmoothEntries = qovtest::HostTest;
 
 TEST_F(SmoothEntries, ResyncBracketsBalancePerTable) {
     uint32_t dam[6] = {0x61, 1}, fes[6] = {0x62, 1};

@@ -215,25 +215,9 @@ TEST_F(TblMsgRegTest, VersionsCountFromOnePerId) {
         EXPECT_EQ(qovtest::FindLine(k.unknownLine, at), at + 1);
         EXPECT_EQ(k.inc(hdl_, 2, nullptr), 1u);
         EXPECT_EQ(k.inc(nullptr, 2, &v), 1u);
+        EXPECT_EQ(ASOrchGetTblMsgRecv(nullptr, 2), nullptr);
         QovHostLogClear();
     }
-}
-
-// Keys 5, 133 and 261 share bucket 5.
-TEST_F(TblMsgRegTest, KeysSharingABucketAreEachFound) {
-    std::vector<ASOrchRecvTblMsg> recv{Recv(5), Recv(133)};
-    std::vector<ASOrchTransTblMsg> trans{Trans(133), Trans(5)};
-    ASOrchBasePara base{};
-    base.recvTblMsgList[0] = List(recv.data(), 2);
-    base.transTblMsgList[0] = List(trans.data(), 2);
-    ASSERT_EQ(RegBase(base), 0u);
-    for (uint32_t id : {5u, 133u}) {
-        EXPECT_NE(ASOrchGetTblMsgRecv(hdl_, id), nullptr) << id;
-        EXPECT_NE(ASOrchGetTblMsgTrans(hdl_, id), nullptr) << id;
-    }
-    EXPECT_EQ(ASOrchGetTblMsgRecv(hdl_, 261), nullptr);
-    EXPECT_TRUE(qovtest::HasLine("OrchGetTblMsgCtrl from hash failed, unknown key 261."));
-    EXPECT_EQ(ASOrchGetTblMsgRecv(nullptr, 5), nullptr);
 }
 
 }  // namespace

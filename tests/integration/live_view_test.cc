@@ -30,6 +30,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using qovtest::Broker;
+using qovtest::ReportCount;
 using qovtest::WaitFor;
 
 constexpr uint32_t kMsgId = 100, kIpcMsgId = 7, kEntrySize = 16, kPrefix = 8, kKeySize = 4;
@@ -90,17 +91,6 @@ std::string Ask(const std::string &path, const std::string &bytes, bool shut = f
     std::string out = ReadAll(fd);
     close(fd);
     return out;
-}
-
-// The count of a "%-28s %12u" row of a queue report, or -1.
-int64_t Row(const std::string &rep, const std::string &label) {
-    for (size_t at = rep.find(label); at != std::string::npos; at = rep.find(label, at + 1)) {
-        if (at != 0 && rep[at - 1] != '\n') continue;
-        size_t num = rep.find_first_not_of(' ', at + label.size());
-        if (num != at + label.size() && num < rep.size() && std::isdigit(static_cast<unsigned char>(rep[num])))
-            return std::stoll(rep.substr(num));
-    }
-    return -1;
 }
 
 // A sample's value in a metrics text, or -1.
@@ -263,7 +253,7 @@ TEST_F(LiveView, AnswersUnderAFloodAreTakenBetweenQueueOperations) {
     auto end = std::chrono::steady_clock::now() + 1500ms;
     for (int i = 0; std::chrono::steady_clock::now() < end || i < 40; ++i) {
         std::string rep = Ask(sock_, "queue lvA_DAM\n");
-        int64_t w = Row(rep, "Success Write"), r = Row(rep, "Success Read"), cur = Row(rep, "Mque CurrCnt");
+        int64_t w = ReportCount(rep, "Success Write"), r = ReportCount(rep, "Success Read"), cur = ReportCount(rep, "Mque CurrCnt");
         ASSERT_GE(w, 0) << rep;
         EXPECT_EQ(static_cast<uint32_t>(w - r), static_cast<uint32_t>(cur)) << rep;
         std::string met = Ask(sock_, "metrics\n");

@@ -18,11 +18,9 @@ struct alignas(16) Header {
 };
 
 std::atomic<uint64_t> g_allocs{0};
-std::atomic<uint64_t> g_frees{0};
 std::atomic<int64_t> g_outstanding{0};
 std::atomic<uint64_t> g_badFrees{0};
 std::atomic<uint64_t> g_failAt{0};
-std::atomic<uint64_t> g_failFrom{0};
 std::mutex g_liveMu;
 std::map<void *, size_t> g_live;
 
@@ -30,8 +28,7 @@ std::map<void *, size_t> g_live;
 
 void *TestAlloc(uint32_t size) {
     uint64_t n = ++g_allocs;
-    uint64_t failFrom = g_failFrom.load();
-    if (n == g_failAt.load() || (failFrom != 0 && n >= failFrom)) return nullptr;
+    if (n == g_failAt.load()) return nullptr;
     auto *h = static_cast<Header *>(std::malloc(sizeof(Header) + size));
     if (h == nullptr) return nullptr;
     h->magic = kLive;
@@ -58,26 +55,21 @@ void TestFree(void *ptr) {
         std::lock_guard<std::mutex> lk(g_liveMu);
         g_live.erase(ptr);
     }
-    ++g_frees;
     --g_outstanding;
     std::free(h);
 }
 
 void AllocReset() {
     g_allocs = 0;
-    g_frees = 0;
     g_outstanding = 0;
     g_badFrees = 0;
     g_failAt = 0;
-    g_failFrom = 0;
     std::lock_guard<std::mutex> lk(g_liveMu);
     g_live.clear();
 }
 
 void AllocFailAt(uint64_t k) { g_failAt = k; }
-void AllocFailFrom(uint64_t k) { g_failFrom = k; }
 uint64_t AllocCount() { return g_allocs.load(); }
-uint64_t FreeCount() { return g_frees.load(); }
 int64_t AllocOutstanding() { return g_outstanding.load(); }
 uint64_t AllocBadFrees() { return g_badFrees.load(); }
 

@@ -16,10 +16,7 @@ void TestFree(void *ptr);
 void AllocReset();
 // Fails allocation number k counted from the last reset (0: none).
 void AllocFailAt(uint64_t k);
-// Fails every allocation from number k on (0: none).
-void AllocFailFrom(uint64_t k);
 uint64_t AllocCount();       // allocations attempted since the reset
-uint64_t FreeCount();        // successful frees since the reset
 int64_t AllocOutstanding();  // blocks allocated and not freed since the reset
 uint64_t AllocBadFrees();    // frees of null, unknown or already freed blocks
 

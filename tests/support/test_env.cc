@@ -1,5 +1,7 @@
 #include "support/test_env.h"
 
+#include <cctype>
+
 namespace qovtest {
 
 std::vector<std::string> Logs() {
@@ -33,8 +35,19 @@ std::vector<QovHostCall> Calls(const char *op) {
     return out;
 }
 
+int64_t ReportCount(const std::string &report, const std::string &label) {
+    for (size_t at = report.find(label); at != std::string::npos; at = report.find(label, at + 1)) {
+        if (at != 0 && report[at - 1] != '\n' && report[at - 1] != ' ') continue;  // not inside a longer label
+        size_t num = report.find_first_not_of(" [", at + label.size());
+        if (num != at + label.size() && num < report.size() && std::isdigit(static_cast<unsigned char>(report[num])))
+            return std::stoll(report.substr(num));
+    }
+    return -1;
+}
+
 void HostTest::SetUp() {
     QovHostReset();
+    QovHostSmoothReset();  // the smoothing library keeps its own state
     QovHostLogEcho(0);
     QovHostLogCapture(1);
     QovHostJournalEnable(1);

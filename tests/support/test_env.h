@@ -22,6 +22,9 @@ bool HasLine(const std::string &text);
 size_t FindLine(const std::string &text, size_t from = 0);
 // The journaled calls of op, oldest first.
 std::vector<QovHostCall> Calls(const char *op);
+// The number after label in a merge queue's report (QOV_PrintMergeQueInfo):
+// a "%-28s %12u" row's count or a "Label [%4u]" field; -1 when absent.
+int64_t ReportCount(const std::string &report, const std::string &label);
 
 // Names a parameterised test after its row's `name`, so that ctest lists a
 // readable name that stays the same from build to build.
