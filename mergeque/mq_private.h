@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/base/as_bytes.h"
 #include "core/base/as_log_level.h"
 #include "qov_mergeque.h"
 #include "qov_utils_base.h"
@@ -100,30 +101,15 @@ inline uint8_t *MqEntryData(MergeQueEntry *e) { return reinterpret_cast<uint8_t 
 // the queue's contract, so the bound is the record size itself; the copy is
 // inline because it sits on every write, merge and copy-out read. A record
 // may be copied onto itself (a merge function that stored in place).
-// Records of 16 to 64 bytes, the usual kind, are copied without a call as
-// fixed-size pieces that may overlap in the middle; every piece is loaded
-// before any is stored, so a copy onto itself leaves the record as it was.
+// Records of 16 to 64 bytes, the usual kind, are copied without a call, as
+// pieces that leave a copy onto itself as it was.
 inline void MqCopyRecord(void *dst, const void *src, uint32_t dataSize) {
     auto *d = static_cast<uint8_t *>(dst);
     const auto *s = static_cast<const uint8_t *>(src);
-    struct Piece {
-        uint64_t w[2];
-    };
-    Piece a, b, c, e;
     if (dataSize >= 32 && dataSize <= 64) {
-        __builtin_memcpy(&a, s, 16);
-        __builtin_memcpy(&b, s + 16, 16);
-        __builtin_memcpy(&c, s + dataSize - 32, 16);
-        __builtin_memcpy(&e, s + dataSize - 16, 16);
-        __builtin_memcpy(d, &a, 16);
-        __builtin_memcpy(d + 16, &b, 16);
-        __builtin_memcpy(d + dataSize - 32, &c, 16);
-        __builtin_memcpy(d + dataSize - 16, &e, 16);
+        ASCopy32To64(d, s, dataSize);
     } else if (dataSize >= 16 && dataSize < 32) {
-        __builtin_memcpy(&a, s, 16);
-        __builtin_memcpy(&e, s + dataSize - 16, 16);
-        __builtin_memcpy(d, &a, 16);
-        __builtin_memcpy(d + dataSize - 16, &e, 16);
+        ASCopy16To32(d, s, dataSize);
     } else if (dst != src) {
         __builtin_memcpy(d, s, dataSize);
     }

@@ -20,28 +20,38 @@ inline uint64_t Load8(const uint8_t *p) {
 }
 }  // namespace as_bytes_detail
 
-// dst and src do not overlap.
+// Copies of 16 to 32 and of 32 to 64 bytes as two or four 16-byte pieces.
+// Every piece is loaded before any is stored, so a copy onto itself leaves
+// the bytes as they were.
+inline void ASCopy16To32(uint8_t *d, const uint8_t *s, size_t n) {
+    as_bytes_detail::Piece16 a, b;
+    __builtin_memcpy(&a, s, 16);
+    __builtin_memcpy(&b, s + n - 16, 16);
+    __builtin_memcpy(d, &a, 16);
+    __builtin_memcpy(d + n - 16, &b, 16);
+}
+
+inline void ASCopy32To64(uint8_t *d, const uint8_t *s, size_t n) {
+    as_bytes_detail::Piece16 a, b, c, e;
+    __builtin_memcpy(&a, s, 16);
+    __builtin_memcpy(&b, s + 16, 16);
+    __builtin_memcpy(&c, s + n - 32, 16);
+    __builtin_memcpy(&e, s + n - 16, 16);
+    __builtin_memcpy(d, &a, 16);
+    __builtin_memcpy(d + 16, &b, 16);
+    __builtin_memcpy(d + n - 32, &c, 16);
+    __builtin_memcpy(d + n - 16, &e, 16);
+}
+
+// dst and src do not overlap. Keys (mostly 16 bytes) are tried first.
 // NOLINTNEXTLINE(bugprone-easily-swappable-parameters): memcpy's order, which every caller writes
 inline void ASCopyBytes(void *dst, const void *src, size_t n) {
-    using as_bytes_detail::Piece16;
     auto *d = static_cast<uint8_t *>(dst);
     const auto *s = static_cast<const uint8_t *>(src);
     if (n >= 16 && n <= 32) {
-        Piece16 a, b;
-        __builtin_memcpy(&a, s, 16);
-        __builtin_memcpy(&b, s + n - 16, 16);
-        __builtin_memcpy(d, &a, 16);
-        __builtin_memcpy(d + n - 16, &b, 16);
+        ASCopy16To32(d, s, n);
     } else if (n > 32 && n <= 64) {
-        Piece16 a, b, c, e;
-        __builtin_memcpy(&a, s, 16);
-        __builtin_memcpy(&b, s + 16, 16);
-        __builtin_memcpy(&c, s + n - 32, 16);
-        __builtin_memcpy(&e, s + n - 16, 16);
-        __builtin_memcpy(d, &a, 16);
-        __builtin_memcpy(d + 16, &b, 16);
-        __builtin_memcpy(d + n - 32, &c, 16);
-        __builtin_memcpy(d + n - 16, &e, 16);
+        ASCopy32To64(d, s, n);
     } else if (n >= 8 && n < 16) {
         uint64_t a = as_bytes_detail::Load8(s), b = as_bytes_detail::Load8(s + n - 8);
         __builtin_memcpy(d, &a, 8);
