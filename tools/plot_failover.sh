@@ -6,23 +6,8 @@
 # (Debian: apt-get install gnuplot-nox).
 #   tools/plot_failover.sh failover.csv [failover.png]
 set -eu
-if [ $# -lt 1 ] || [ $# -gt 2 ]; then
-  echo "usage: $0 failover.csv [failover.png]" >&2
-  exit 2
-fi
-csv=$1
-png=${2:-${csv%.csv}.png}
-[ -r "$csv" ] || { echo "$0: cannot read $csv" >&2; exit 1; }
-command -v gnuplot >/dev/null || { echo "$0: gnuplot not found (apt-get install gnuplot-nox)" >&2; exit 1; }
-expected="t_s,dam_depth,fes_depth,high_water,delivered_s,standby_dam_depth,standby_fes_depth,standby_delivered_s,event"
-if [ "$(head -n 1 "$csv" | tr -d '\r')" != "$expected" ]; then
-  echo "$0: $csv does not start with the header: $expected" >&2
-  exit 1
-fi
-if [ "$(wc -l < "$csv")" -lt 3 ]; then
-  echo "$0: $csv holds fewer than two samples" >&2
-  exit 1
-fi
+. "$(dirname "$0")/plot_lib.sh"
+qov_plot_args "t_s,dam_depth,fes_depth,high_water,delivered_s,standby_dam_depth,standby_fes_depth,standby_delivered_s,event" "$0" "$@"
 
 gnuplot <<GNUPLOT
 set terminal pngcairo size 1200,800 font ",10"
