@@ -19,6 +19,7 @@
 #include "qov_autosync_orch.h"
 #include "qov_broker.h"
 #include "qov_host_api.h"
+#include "qov_mem_pool.h"
 #include "qov_utils_eal.h"
 
 static const char g_usage[] =
@@ -70,59 +71,10 @@ typedef struct Demo {
     uint64_t hist[PATHS][HIST_BUCKETS]; /* send-to-handler latency per path, Data thread only */
     uint64_t histSumUs[PATHS];
     _Atomic uint64_t firstRecvUs, lastDeliverUs;
-    _Atomic uint64_t liveBytes, peakBytes;
 } Demo;
 
 static Demo g_demo;
 static Channel g_chan[PATHS];
-
-/* ---- The orchestrator's memory functions ----
- * A pool of its own: every block is counted (the summary shows the peak) and
- * linked, so that what the library keeps for the handle's whole life (the
- * table-message registry, which it never gives back) is reclaimed at the end. */
-
-typedef struct Block {
-    struct Block *prev, *next;
-    uint64_t size, pad;
-} Block;
-
-static Block g_pool = {&g_pool, &g_pool, 0, 0};
-static pthread_mutex_t g_poolLock = PTHREAD_MUTEX_INITIALIZER;
-
-static void *DemoAlloc(uint32_t size) {
-    Block *b = malloc(sizeof(Block) + size);
-    if (b == NULL) return NULL;
-    b->size = size;
-    pthread_mutex_lock(&g_poolLock);
-    b->prev = &g_pool, b->next = g_pool.next;
-    g_pool.next->prev = b, g_pool.next = b;
-    pthread_mutex_unlock(&g_poolLock);
-    uint64_t live = atomic_fetch_add(&g_demo.liveBytes, size) + size;
-    uint64_t peak = atomic_load(&g_demo.peakBytes);
-    while (live > peak && !atomic_compare_exchange_weak(&g_demo.peakBytes, &peak, live)) {
-    }
-    return b + 1;
-}
-
-static void DemoFree(void *ptr) {
-    if (ptr == NULL) return;
-    Block *b = (Block *)ptr - 1;
-    pthread_mutex_lock(&g_poolLock);
-    b->prev->next = b->next, b->next->prev = b->prev;
-    pthread_mutex_unlock(&g_poolLock);
-    atomic_fetch_sub(&g_demo.liveBytes, b->size);
-    free(b);
-}
-
-/* Frees what is left in the pool; the number of blocks. */
-static uint32_t DemoPoolRelease(void) {
-    uint32_t n = 0;
-    while (g_pool.next != &g_pool) {
-        DemoFree(g_pool.next + 1);
-        ++n;
-    }
-    return n;
-}
 
 /* ---- Handlers, on the Data thread ---- */
 
@@ -466,7 +418,7 @@ static void PrintSummary(double secs, const BrokerPath br[PATHS], int external) 
            "broker send to handler", Percentile(0.50), Percentile(0.99));
     printf("%-34s %" PRIu64 " table rows to the handler, %" PRIu64 " smoothing callbacks\n", "transfer message",
            atomic_load(&g_demo.transferRows), atomic_load(&g_demo.smoothCalls));
-    printf("%-34s %.1f MiB\n", "peak memory through memAlloc", (double)atomic_load(&g_demo.peakBytes) / 1048576.0);
+    printf("%-34s %.1f MiB\n", "peak memory through memAlloc", (double)QovPoolPeakBytes() / 1048576.0);
     if (!external)
         printf("%-34s DAM %.2f s, FES %.2f s\n", "broker held back (blocked sends)",
                (double)atomic_load(&br[0].stats.blockedUs) / 1e6, (double)atomic_load(&br[1].stats.blockedUs) / 1e6);
@@ -511,7 +463,7 @@ int main(int argc, char **argv) {
     }
 
     /* The orchestrator: create, register, feed the channels to the library, start. */
-    ASOrchCreatePara cp = {0, 0, DemoAlloc, DemoFree, 0};
+    ASOrchCreatePara cp = {0, 0, QovPoolAlloc, QovPoolFree, 0};
     ASOrchHandle *hdl = ASOrchCreate("orchDemo", &cp);
     g_demo.hdl = hdl;
     uint16_t ports[PATHS] = {br[0].port, br[1].port};
@@ -610,9 +562,9 @@ int main(int argc, char **argv) {
     if (csv) fclose(csv);
 
     int rc = drained ? Check(&br[0].wl, external) : 1;
-    uint64_t kept = atomic_load(&g_demo.liveBytes);
+    uint64_t kept = QovPoolLiveBytes();
     printf("memory the library kept after destroy: %" PRIu64 " bytes in %u blocks (its table-message registry; "
-           "the orchestrator's pool takes them back)\n", kept, DemoPoolRelease());
+           "the orchestrator's pool takes them back)\n", kept, QovPoolRelease());
     free(g_demo.gotSeq);
     free(g_demo.gotOp);
     free(sentSeq);

@@ -40,6 +40,7 @@
 #include "qov_autosync_orch.h"
 #include "qov_broker.h"
 #include "qov_host_api.h"
+#include "qov_mem_pool.h"
 #include "qov_table_file.h"
 #include "qov_utils_eal.h"
 
@@ -110,7 +111,6 @@ typedef struct Node {
     _Atomic int endSeen[PATHS];
     _Atomic int done;         /* active: end seen, queues drained, batches sent */
     _Atomic int quiet;        /* standby: link down and queues empty */
-    _Atomic uint64_t liveBytes, peakBytes;
 } Node;
 
 static Node g;
@@ -124,45 +124,6 @@ static void Say(const char *fmt, ...) {
     vsnprintf(line, sizeof(line), fmt, ap);
     va_end(ap);
     printf("[%s] %s\n", g.o.name, line);
-}
-
-/* ---- Memory: a pool of the node's own, so that what the library keeps for a
- * handle's life is taken back when the process ends ---- */
-
-typedef struct Block {
-    struct Block *prev, *next;
-    uint64_t size, pad;
-} Block;
-
-static Block g_pool = {&g_pool, &g_pool, 0, 0};
-static pthread_mutex_t g_poolLock = PTHREAD_MUTEX_INITIALIZER;
-
-static void *NodeAlloc(uint32_t size) {
-    Block *b = malloc(sizeof(Block) + size);
-    if (b == NULL) return NULL;
-    b->size = size;
-    pthread_mutex_lock(&g_poolLock);
-    b->prev = &g_pool, b->next = g_pool.next;
-    g_pool.next->prev = b, g_pool.next = b;
-    pthread_mutex_unlock(&g_poolLock);
-    uint64_t live = atomic_fetch_add(&g.liveBytes, size) + size, peak = atomic_load(&g.peakBytes);
-    while (live > peak && !atomic_compare_exchange_weak(&g.peakBytes, &peak, live)) {
-    }
-    return b + 1;
-}
-
-static void NodeFree(void *ptr) {
-    if (ptr == NULL) return;
-    Block *b = (Block *)ptr - 1;
-    pthread_mutex_lock(&g_poolLock);
-    b->prev->next = b->next, b->next->prev = b->prev;
-    pthread_mutex_unlock(&g_poolLock);
-    atomic_fetch_sub(&g.liveBytes, b->size);
-    free(b);
-}
-
-static void PoolRelease(void) {
-    while (g_pool.next != &g_pool) NodeFree(g_pool.next + 1);
 }
 
 /* ---- Forwarding to the standby (Data thread) ---- */
@@ -481,7 +442,7 @@ typedef struct Instance {
 /* Creates, registers and starts the instance of the role; 0 on success. */
 static int BringUp(int active, Instance *in) {
     QovHostSetRoleMb(active ? 1u : 0u);
-    ASOrchCreatePara cp = {0, 0, NodeAlloc, NodeFree, 0};
+    ASOrchCreatePara cp = {0, 0, QovPoolAlloc, QovPoolFree, 0};
     g.hdl = ASOrchCreate("orchNode", &cp);
     if (g.hdl == NULL || Register(g.hdl) != 0 || ASOrchInit(g.hdl) != 0) return 1;
     void *eal = ASOrchGetEalHdl(g.hdl);
@@ -673,7 +634,7 @@ int main(int argc, char **argv) {
     }
     TearDown(active, &in);
     h->endSeen = atomic_load(&g.done) != 0;
-    h->peakBytes = atomic_load(&g.peakBytes);
+    h->peakBytes = QovPoolPeakBytes();
     h->latP50Us = Percentile(0.50);
     h->latP99Us = Percentile(0.99);
     h->active = (uint32_t)active;
@@ -684,7 +645,7 @@ int main(int argc, char **argv) {
         active ? "broker" : "active peer's handler", h->latP50Us, h->latP99Us,
         h->syncFramesSent, h->syncSendFails, h->catchUps, h->syncFramesRecv, h->syncFramesBad);
     QovTableClose(&g.tbl);
-    PoolRelease();
+    (void)QovPoolRelease();
     free(g.seen);
     return rc;
 }
