@@ -370,25 +370,9 @@ static int Check(const QovRouteWorkload *wl, int external) {
     return bad != 0;
 }
 
-typedef struct BrokerPath {
-    uint16_t port;
-    int fd;
-    QovBrokerPara para;
-    QovRouteWorkload wl;
-    QovBrokerStats stats;
-    pthread_t thread;
-    int rc;
-} BrokerPath;
-
 static _Atomic int g_brokerStop;
 
-static void *BrokerThread(void *arg) {
-    BrokerPath *b = arg;
-    b->rc = QovBrokerServe(b->fd, &b->para, &b->wl, &b->stats, &g_brokerStop);
-    return NULL;
-}
-
-static void PrintSummary(double secs, const BrokerPath br[PATHS], int external) {
+static void PrintSummary(double secs, const QovBrokerPath br[PATHS], int external) {
     uint64_t entries = atomic_load(&g_demo.recvEntries), delivered = atomic_load(&g_demo.delivered);
     double e2e = (double)(atomic_load(&g_demo.lastDeliverUs) - atomic_load(&g_demo.firstRecvUs)) / 1e6 + 1e-9;
     printf("\n== summary ==\n");
@@ -451,7 +435,7 @@ int main(int argc, char **argv) {
     }
 
     /* The broker: two listeners and two threads of our own, or one already running. */
-    static BrokerPath br[PATHS];
+    static QovBrokerPath br[PATHS];
     int external = o.connect != 0;
     for (uint32_t p = 0; p < PATHS; ++p) {
         br[p].port = external ? (uint16_t)(o.connect + p) : 0;
@@ -460,6 +444,7 @@ int main(int argc, char **argv) {
         br[p].para = (QovBrokerPara){(uint32_t)(p ? o.rate / 4 : o.rate - o.rate / 4), (uint32_t)o.duration,
                                      (uint32_t)o.flood, 64, 10000, p ? o.entries / 4 : o.entries - o.entries / 4};
         QovWlInit(&br[p].wl, g_demo.keys, o.seed, p, sentSeq, sentOp);
+        br[p].stop = &g_brokerStop;
     }
 
     /* The orchestrator: create, register, feed the channels to the library, start. */
@@ -497,8 +482,7 @@ int main(int argc, char **argv) {
            g_demo.keys, ports[0], ports[1], external ? " (external)" : "", o.high, o.low, o.handlerNs, o.threads,
            strcmp(o.log, "-") != 0 ? o.log : "the terminal", o.ctl ? ", control endpoint " : "", o.ctl ? o.ctl : "");
     int started = 0;
-    while (!external && started < PATHS && pthread_create(&br[started].thread, NULL, BrokerThread, &br[started]) == 0)
-        ++started;
+    while (!external && started < PATHS && QovBrokerPathStart(&br[started]) == 0) ++started;
 
     /* Progress until both streams ended and both queues drained, or a time limit. */
     if (csv)

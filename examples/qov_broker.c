@@ -13,23 +13,8 @@
 #include "qov_broker.h"
 #include "qov_table_file.h"
 
-typedef struct Path {
-    uint16_t port;
-    int fd;
-    QovBrokerPara para;
-    QovRouteWorkload wl;
-    QovBrokerStats stats;
-    pthread_t thread;
-    int rc;
-} Path;
 
 static int g_resync;
-
-static void *Serve(void *arg) {
-    Path *p = arg;
-    p->rc = (g_resync ? QovBrokerServeResync : QovBrokerServe)(p->fd, &p->para, &p->wl, &p->stats, NULL);
-    return NULL;
-}
 
 /* Writes the final table (every key's last value and operation) for a check. */
 static int Dump(const char *file, uint32_t keys, const uint32_t *seq, const uint8_t *lastOp) {
@@ -111,16 +96,17 @@ int main(int argc, char **argv) {
 
     uint32_t *seq = calloc(keys, sizeof(*seq));
     uint8_t *lastOp = calloc(keys, 1);
-    Path paths[2];
+    QovBrokerPath paths[2];
     int ok = seq != NULL && lastOp != NULL;
     for (uint32_t fes = 0; fes < 2; ++fes) {
-        Path *p = &paths[fes];
+        QovBrokerPath *p = &paths[fes];
         memset(p, 0, sizeof(*p));
         p->port = port == 0 ? 0 : (uint16_t)(port + fes);
         p->fd = ok ? QovBrokerListen(&p->port) : -1;
         ok = ok && p->fd >= 0;
         p->para = (QovBrokerPara){(uint32_t)(fes ? rate / 4 : rate - rate / 4), (uint32_t)duration, (uint32_t)flood,
                                   (uint32_t)rows, (uint32_t)accept, fes ? entries / 4 : entries - entries / 4};
+        p->resync = g_resync;
         if (ok) QovWlInit(&p->wl, (uint32_t)keys, seed, fes, seq, lastOp);
     }
     if (ok) {
@@ -129,11 +115,11 @@ int main(int argc, char **argv) {
         fflush(stdout);
     }
     int started = 0;
-    for (; ok && started < 2; ++started) ok = pthread_create(&paths[started].thread, NULL, Serve, &paths[started]) == 0;
+    for (; ok && started < 2; ++started) ok = QovBrokerPathStart(&paths[started]) == 0;
     int rc = ok ? 0 : 1;
     for (int i = 0; i < started; ++i) {
         pthread_join(paths[i].thread, NULL);
-        Path *p = &paths[i];
+        const QovBrokerPath *p = &paths[i];
         double secs = (double)atomic_load(&p->stats.streamUs) / 1e6 + 1e-9;
         printf("qov_broker: %s %s; %" PRIu64 " messages, %" PRIu64 " entries, %.1f MB in %.2f s (%.0f msg/s, "
                "%.0f entries/s), held back by the orchestrator %.2f s; final table digest %016" PRIx64 "\n",

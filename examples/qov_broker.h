@@ -5,6 +5,7 @@
 #ifndef QOV_BROKER_H
 #define QOV_BROKER_H
 
+#include <pthread.h>
 #include <stdatomic.h>
 #include <stdint.h>
 
@@ -52,6 +53,24 @@ int QovBrokerServe(int listenFd, const QovBrokerPara *para, QovRouteWorkload *wl
  * the end went out, 1 otherwise. */
 int QovBrokerServeResync(int listenFd, const QovBrokerPara *para, QovRouteWorkload *wl, QovBrokerStats *stats,
                          _Atomic int *stop);
+
+/* One path's broker run on a thread of its own: the caller fills port, fd
+ * (from QovBrokerListen), para and wl, and resync and stop as wanted; rc is
+ * the serve's result once the thread is joined. */
+typedef struct QovBrokerPath {
+    uint16_t port;
+    int fd;
+    QovBrokerPara para;
+    QovRouteWorkload wl;
+    QovBrokerStats stats;
+    int resync;         /* serve with QovBrokerServeResync */
+    _Atomic int *stop;  /* handed to the serve; may be NULL */
+    pthread_t thread;
+    int rc;
+} QovBrokerPath;
+
+/* Starts p's thread; 0 when it runs. */
+int QovBrokerPathStart(QovBrokerPath *p);
 
 /* CLOCK_MONOTONIC in microseconds. */
 uint64_t QovBrokerNowUs(void);

@@ -310,3 +310,11 @@ int QovBrokerServeResync(int listenFd, const QovBrokerPara *para, QovRouteWorklo
     free(opAt);
     return rc;
 }
+
+static void *ServePath(void *arg) {
+    QovBrokerPath *p = arg;
+    p->rc = (p->resync ? QovBrokerServeResync : QovBrokerServe)(p->fd, &p->para, &p->wl, &p->stats, p->stop);
+    return NULL;
+}
+
+int QovBrokerPathStart(QovBrokerPath *p) { return pthread_create(&p->thread, NULL, ServePath, p) == 0 ? 0 : 1; }
