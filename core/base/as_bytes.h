@@ -1,7 +1,7 @@
 // Copies and compares of the short byte runs that every queued entry carries
-// (keys of 4 to 32 bytes, entries of up to 64), without a library call: runs
-// of 8 to 64 bytes are handled as fixed-size pieces that may overlap in the
-// middle, longer or shorter ones go to memcpy/memcmp.
+// (keys of 4 to 32 bytes, entries of up to 64), without a library call:
+// copies of 8 to 64 bytes and compares of 8 to 32 go by fixed-size pieces that
+// may overlap in the middle, other lengths to memcpy/memcmp.
 #ifndef QOV_AS_CORE_BASE_BYTES_H
 #define QOV_AS_CORE_BASE_BYTES_H
 
