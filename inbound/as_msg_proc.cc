@@ -2,6 +2,7 @@
 // TLV walk, receive messages are cut into entries (in place, or through the
 // registered unpack function) and handed to the merge layer or to the
 // message's user-defined handler. Nothing here allocates.
+#include "core/base/as_serving.h"
 #include "inbound/inbound_private.h"
 #include "merge/merge_internal.h"
 
@@ -159,6 +160,7 @@ uint32_t ASOrchMsgRecvProc(ASOrchHandle *hdl, const ASOrchIpcMsg *msg) {
 
 extern "C" QOV_AS_API uint32_t ASOrchMsgProc(ASOrchHandle *hdl, const ASOrchIpcMsg *msg) {
     if (!ASOrchMsgIsValid(hdl, msg)) return 1;
+    ASOrchServingScope serving(hdl);
     if ((msg->msgId >> 4) == AS_TRANS_MSG_ID_HIGH) return ASOrchMsgTransProc(hdl, msg);
     return ASOrchMsgRecvProc(hdl, msg);
 }

@@ -157,7 +157,9 @@ QOV_AS_API uint32_t ASOrchSetOndemandParam(ASOrchHandle *hdl, uint64_t value);
 /* Tells the EAL that module initialisation is complete; returns its result. */
 QOV_AS_API uint32_t ASOrchModInitOk(ASOrchHandle *hdl);
 /* Releases everything the handle holds, then the handle; null does nothing.
- * Stop feeding the handle first (rule 5 above). */
+ * Stop feeding the handle first (rule 5 above). Called from inside one of the
+ * handle's own callbacks (a handler, a table or smoothing callback) it is
+ * refused with a log line and the handle stays. */
 QOV_AS_API void ASOrchDestroy(ASOrchHandle *hdl);
 /* The EAL instance of the handle, or null. */
 QOV_AS_API void *ASOrchGetEalHdl(ASOrchHandle *hdl);

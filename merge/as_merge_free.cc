@@ -1,4 +1,5 @@
 // Release of a handle's merge records: dispatch tables, queues, the block.
+#include "core/base/as_serving.h"
 #include "merge/merge_private.h"
 #include "mergeque/mergeque_internal.h"
 
@@ -37,6 +38,15 @@ void FreeMergeRec(ASOrchHandle *hdl, ASOrchMergeRec *rec) {
 }
 
 }  // namespace
+
+bool ASOrchMergeReadingHere(const ASOrchHandle *hdl) {
+    if (hdl->mergeHandle == nullptr) return false;
+    for (ASOrchPath path : AS_PATHS) {
+        const MergeQueCtrlBlk *que = ASOrchMergeRecOf(hdl, path)->mergeQue;
+        if (que != nullptr && ASOrchServingNow(que)) return true;
+    }
+    return false;
+}
 
 void ASOrchMergeStopReaders(ASOrchHandle *hdl) {
     if (hdl->mergeHandle == nullptr) return;

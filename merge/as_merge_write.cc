@@ -2,6 +2,7 @@
 // straight to the path's handlers (4 and above). The merge type becomes a
 // target here, once per call or once for a whole run of messages.
 #include "core/base/as_bytes.h"
+#include "core/base/as_serving.h"
 #include "merge/merge_private.h"
 
 namespace {
@@ -51,6 +52,7 @@ uint32_t WriteMsgMerge(ASOrchHandle *hdl, MergeQueCtrlBlk *que, const ASOrchMerg
 
 // The handler gets the caller's vector as it is: nothing copied or freed.
 uint32_t MsgNoMerge(ASOrchHandle *hdl, ASOrchPath path, ASOrchMergeMsgVec *vec) {
+    ASOrchServingScope serving(hdl);
     if (ASOrchRecvDispatch(hdl, path, vec) != 0) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "[%s] msg proc Not merge failed! msgId:%u, opType:%u", hdl->name,
                             vec->msgId, vec->opType);

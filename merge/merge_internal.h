@@ -36,6 +36,9 @@ uint32_t ASOrchMergeTo(ASOrchHandle *hdl, const ASOrchMergeTarget *target, ASOrc
 // goes and 1 is returned.
 uint32_t ASOrchRegMerge(ASOrchHandle *hdl, const ASOrchBasePara *para, uint32_t pressGrpId);
 
+// Whether this thread is inside a read of one of the handle's queues.
+bool ASOrchMergeReadingHere(const ASOrchHandle *hdl);
+
 // Takes both queues out of the Data thread's epoll set, waiting for a reader
 // still running there; after it no reader or monitor of the handle runs.
 void ASOrchMergeStopReaders(ASOrchHandle *hdl);

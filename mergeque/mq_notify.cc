@@ -7,6 +7,7 @@
 #include <chrono>
 #include <thread>
 
+#include "core/base/as_serving.h"
 #include "mergeque/mergeque_internal.h"
 #include "mergeque/mq_private.h"
 #include "qov_utils_eal.h"
@@ -121,6 +122,7 @@ uint32_t QOV_MergeQueSchedProc(int32_t fd, uint32_t events, void *usrData) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "merge queue %s Fail To Sched, errno=%d", mque->name, errno);
         ret = 1;
     } else if (mque->para.schedFunc != nullptr) {
+        ASOrchServingScope serving(mque);
         mque->para.schedFunc(mque);
     }
     ctl.fetch_and(~kMqCtlRunning, std::memory_order_release);  // the last touch of the queue

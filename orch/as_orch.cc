@@ -3,6 +3,7 @@
 // knows it.
 #include "core/base/as_handle.h"
 #include "core/base/as_registry.h"
+#include "core/base/as_serving.h"
 #include "core/as_reg.h"
 #include "inbound/inbound_internal.h"
 #include "merge/merge_internal.h"
@@ -75,6 +76,11 @@ QOV_AS_API uint32_t ASOrchRegBase(ASOrchHandle *hdl, const ASOrchBasePara *para)
 QOV_AS_API void ASOrchDestroy(ASOrchHandle *hdl) {
     if (hdl == nullptr || hdl->memFree == nullptr) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "Destroy Orch autosync Fail, handle or free func is NULL");
+        return;
+    }
+    if (ASOrchServingNow(hdl) || ASOrchMergeReadingHere(hdl)) {
+        QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s, Destroy Orch autosync Fail, called from inside its own callback",
+                            hdl->name);
         return;
     }
     QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "%s, Orch auto sync free begin.", hdl->name);

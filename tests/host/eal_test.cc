@@ -496,4 +496,28 @@ TEST_P(EalClear, ReturnsOnlyAfterTheRunningCall) {
 INSTANTIATE_TEST_SUITE_P(What, EalClear, ::testing::Bool(),
                          [](const auto &i) { return std::string(i.param ? "Timer" : "ChannelReceive"); });
 
+// An instance cannot join its own thread: a destroy from a timer on it is
+// refused with a line (it used to end the process), and the instance runs on.
+struct SelfDestroy {
+    void *eal = nullptr;
+    std::atomic<uint32_t> calls{0}, returned{0};
+    static void Timer(uint64_t arg) {
+        auto *s = reinterpret_cast<SelfDestroy *>(static_cast<uintptr_t>(arg));
+        if (s->calls++ != 0) return;
+        QOV_EAL_Destroy(s->eal);
+        ++s->returned;
+    }
+};
+
+TEST_F(EalTest, DestroyOnItsOwnThreadIsRefused) {
+    static SelfDestroy self;  // outlives the instance's threads
+    self.eal = Make("self", 1);
+    int32_t ep = QOV_EAL_GetEpollFd(self.eal, 0);
+    ASSERT_GE(QOV_TIMER_Create(1, reinterpret_cast<uintptr_t>(&SelfDestroy::Timer), reinterpret_cast<uintptr_t>(&self), ep), 0);
+    ASSERT_EQ(QOV_EAL_Start(self.eal), 0u);
+    ASSERT_TRUE(WaitFor([] { return self.calls > 1; })) << "the timer stopped after the refused destroy";
+    EXPECT_EQ(self.returned, 1u);
+    EXPECT_TRUE(HasLineWith("self destroy refused: called on the instance's own thread"));
+}
+
 }  // namespace

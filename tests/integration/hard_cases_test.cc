@@ -25,7 +25,7 @@ using qovtest::ReportCount;
 using qovtest::WaitFor;
 
 constexpr uint32_t kMsgId = 100, kEntry = 16, kPrefix = 8;
-constexpr uint32_t kSet = 7, kDel = 8, kFes = 9;  // broker message ids: DAM op 0, DAM op 1, FES op 0
+constexpr uint32_t kSet = 7, kDel = 8, kFes = 9, kDirect = 10;  // broker ids: DAM op 0, DAM op 1, FES op 0, DAM direct
 constexpr uint32_t kPause = 0xFFFFFFF0, kResume = 0xFFFFFFF1, kLast = 0xFFFFFFF2;
 
 using Entries = std::vector<std::pair<uint32_t, uint32_t>>;  // (key, value)
@@ -36,7 +36,8 @@ struct State {
     std::string report;                 // DAM queue report taken when kLast is handled
     std::atomic<uint32_t> costUs{0}, damDone{0}, damAtFes{0}, fesLag{~0u}, backlogAtFes{0};
     std::atomic<uint32_t> lastSeenPressed{0}, badRelease{0}, releases{0};
-    std::atomic<bool> lastSeen{false}, paused{false}, pressEach{false};
+    std::atomic<bool> lastSeen{false}, paused{false}, pressEach{false}, destroyOnce{false};
+    std::atomic<uint32_t> destroyReturned{0};
     ASOrchHandle *hdl = nullptr;
 } *g;
 
@@ -56,6 +57,10 @@ uint32_t Pressed() {
 // that a release of the source happens only once the queue is at its low water.
 uint32_t Handler(ASOrchHandle *hdl, ASOrchMergeMsgVec *v) {
     uint32_t key = QovHostGetU32(v->key), val = QovHostGetU32(v->data + 4);
+    if (g->destroyOnce.exchange(false)) {  // a handler that tears down its own instance
+        ASOrchDestroy(hdl);
+        ++g->destroyReturned;
+    }
     if (g->pressEach) {  // a downstream that fills and drains with every entry
         ASOrchMergeBackPress(hdl, AS_ORCH_MERGE_DAM);
         for (auto end = std::chrono::steady_clock::now() + std::chrono::microseconds(20);
@@ -89,7 +94,8 @@ uint32_t Handler(ASOrchHandle *hdl, ASOrchMergeMsgVec *v) {
 ASOrchMergeMsgDispatch g_tbl[] = {{kMsgId, {Handler, Handler, Handler, Handler}}};
 ASOrchRecvTblMsg g_recv[] = {{kMsgId, kSet, 0, nullptr, nullptr, kEntry, AS_ORCH_MERGE_DAM, nullptr, 0, 4},
                              {kMsgId, kDel, 0, nullptr, nullptr, kEntry, AS_ORCH_MERGE_DAM, nullptr, 1, 4},
-                             {kMsgId, kFes, 0, nullptr, nullptr, kEntry, AS_ORCH_MERGE_FES, nullptr, 0, 4}};
+                             {kMsgId, kFes, 0, nullptr, nullptr, kEntry, AS_ORCH_MERGE_FES, nullptr, 0, 4},
+                             {kMsgId, kDirect, 0, nullptr, nullptr, kEntry, AS_ORCH_MERGE_DAM_DIRECT, nullptr, 0, 4}};
 
 uint32_t OnFrame(void *ctx, QovHostIpcMsg *m) {
     if (m->msgId == kFes) {  // where the FES entry is queued: DAM work done and DAM backlog behind it
@@ -149,7 +155,7 @@ protected:
         b.chan[1].realServerPort = idle_.port;
         b.damMerge = {g_tbl, 1, 4096, qovtest::MergeHash<0>, high, low};
         b.fesMerge = {g_tbl, 1, 64, qovtest::MergeHash<0>, 0, 0};
-        b.recvTblMsgList[0] = {g_recv, 3};
+        b.recvTblMsgList[0] = {g_recv, 4};
         ASSERT_EQ(ASOrchRegBase(g->hdl, &b), 0u);
         ASSERT_EQ(QovHostChanSetRecv(ASOrchGetEalHdl(g->hdl), 0, OnFrame, g->hdl), 0u);
         ASSERT_EQ(ASOrchInit(g->hdl), 0u);
@@ -272,6 +278,31 @@ TEST_F(HardCases, DamBurstDoesNotHoldUpAnFesEntry) {
 // epoll set, or leaving one that the handler put back during destroy's wait: a
 // freed queue read (ASan), unordered accesses (TSan), a Data thread spinning.
 // QOV_DESTROY_ROUNDS sets the rounds (the soak runs 100).
+// A handler that destroys its own instance, from the queue's reader and from
+// direct dispatch inside the intake: refused with a line, and the instance
+// goes on. Broken by a destroy that waits for the dispatch it is called from
+// (a hang) or frees what that dispatch returns into (a use after free).
+struct FromHandler { const char *name; uint32_t brokerId; };
+class HardDestroyFromHandler : public HardCases, public ::testing::WithParamInterface<FromHandler> {};
+
+TEST_P(HardDestroyFromHandler, IsRefusedAndTheInstanceGoesOn) {
+    Start(1u << 20, 1u << 19);
+    g->destroyOnce = true;
+    std::vector<uint8_t> f;
+    Put(f, GetParam().brokerId, {{1, 10}});
+    Put(f, GetParam().brokerId, {{2, 20}});
+    broker_.Send(f);
+    ASSERT_TRUE(WaitFor([] { return g->damDone == 2; }));
+    EXPECT_EQ(g->destroyReturned, 1u);
+    EXPECT_TRUE(qovtest::HasLine("hard, Destroy Orch autosync Fail, called from inside its own callback"));
+    std::lock_guard<std::mutex> lk(g->mu);
+    EXPECT_EQ(g->keys[1].val, 10u);
+    EXPECT_EQ(g->keys[2].val, 20u);
+}
+INSTANTIATE_TEST_SUITE_P(, HardDestroyFromHandler,
+                         ::testing::Values(FromHandler{"QueueReader", kSet}, FromHandler{"DirectDispatch", kDirect}),
+                         qovtest::RowName());
+
 TEST_F(HardCases, DestroyWhileTheHandlerPressesItsOwnPath) {
     const char *env = getenv("QOV_DESTROY_ROUNDS");
     const int rounds = env != nullptr ? atoi(env) : 3;

@@ -23,7 +23,12 @@ namespace {
 std::mutex g_liveMu;
 std::set<EalInstance *> *g_live = new std::set<EalInstance *>;
 
+// The instance whose loop runs on this thread, for a destroy to know that it
+// is called on one of the instance's own threads.
+thread_local const EalInstance *t_ownEal = nullptr;
+
 void RunLoop(EalInstance *eal, uint32_t kind) {
+    t_ownEal = eal;
     const char *name = eal->threadPara[kind].threadName;
     if (name[0] != '\0') {
         char shortName[16] = {};  // what the kernel takes
@@ -174,9 +179,18 @@ QOV_PLAT_API void QOV_EAL_Destroy(void *eal) {
     {
         std::lock_guard<std::mutex> lk(qovhost::g_liveMu);
         auto *cand = static_cast<EalInstance *>(eal);
-        if (qovhost::g_live->erase(cand) != 0) e = cand;
+        if (qovhost::g_live->count(cand) == 0) return;
+        // A thread of the instance cannot wait for itself to end: the call is
+        // refused and the instance stays as it is.
+        if (qovhost::t_ownEal == cand) {
+            char text[128];
+            std::snprintf(text, sizeof text, "%s destroy refused: called on the instance's own thread", cand->name);
+            KRT_DiagLogWrite("QOV_EAL", text);
+            return;
+        }
+        qovhost::g_live->erase(cand);
+        e = cand;
     }
-    if (e == nullptr) return;
     qovhost::CtlShut(*e);
     uint64_t one = 1;
     if (e->stopFd >= 0 && write(e->stopFd, &one, sizeof one) < 0) std::perror("QOV_EAL_Destroy: stop");
