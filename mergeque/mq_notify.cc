@@ -53,7 +53,7 @@ uint32_t EpollRegLocked(MergeQueCtrlBlk *mque, uint32_t ctl) {
         QOV_AUTOSYNC_QovLog(AS_LOG_ERR, "%s failed to add epoll", mque->name);
         return 1;
     }
-    rd.epollReg = 1;
+    MqStore(rd.epollReg, 1u);
     QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "%s epoll reg, epfd = %d, quefd = %d.", mque->name, mque->para.epFd, rd.eventFd);
     return 0;
 }
@@ -66,7 +66,7 @@ void QOV_MergeQueEpollUnReg(MergeQueCtrlBlk *mque) {
     QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "epfd unreg, epfd = %d(%u), quefd = %d.", mque->para.epFd, rd.epollReg, rd.eventFd);
     if (rd.epollReg == 1) {
         QOV_EPOLL_DEL(mque->para.epFd, rd.eventFd);
-        rd.epollReg = 0;
+        MqStore(rd.epollReg, 0u);
     }
     RegUnlock(mque);
 }
@@ -92,7 +92,7 @@ bool QOV_MergeQueMonitorCheck(const MergeQueCtrlBlk *mque, const MergeQueMonitor
 
 // Counts a queue statistic, stamped as the mask says.
 void MqCountStat(MergeQueCtrlBlk *mque, uint32_t id) {
-    mque->stat[id].cnt++;
+    MqStore(mque->stat[id].cnt, mque->stat[id].cnt + 1);
     if (((kMqStatStampMask >> id) & 1) != 0) QOV_MergeQueSetTimeStamp(&mque->stat[id].stamp);
 }
 
@@ -152,7 +152,7 @@ QOV_AS_API uint32_t QOV_MergeQueMonitorReg(MergeQueCtrlBlk *mque, const MergeQue
 void QOV_MergeQueMonitorWrite(MergeQueCtrlBlk *mque) {
     MergeQueMonitor &mon = mque->monitor;
     if (mon.flowCtrlNotify == nullptr || mon.overLoad != 0 || mque->reader.itemCnt <= mon.highWater) return;
-    mon.overLoad = 1;
+    MqStore(mon.overLoad, 1u);
     MqCountStat(mque, MQ_STAT_OVER_HIGH_WATER);
     mon.flowCtrlNotify(0, mon.usrData);
 }
@@ -160,7 +160,7 @@ void QOV_MergeQueMonitorWrite(MergeQueCtrlBlk *mque) {
 void QOV_MergeQueMonitorRemove(MergeQueCtrlBlk *mque) {
     MergeQueMonitor &mon = mque->monitor;
     if (mon.flowCtrlNotify == nullptr || mon.overLoad != 1 || mque->reader.itemCnt >= mon.lowWater) return;
-    mon.overLoad = 0;
+    MqStore(mon.overLoad, 0u);
     MqCountStat(mque, MQ_STAT_UNDER_LOW_WATER);
     mon.flowCtrlNotify(1, mon.usrData);
 }
@@ -199,7 +199,7 @@ void QOV_MergeQueStopReader(MergeQueCtrlBlk *mque) {
     (void)RegLock(mque);
     Ctl(mque).fetch_or(kMqCtlStopped, std::memory_order_relaxed);
     uint32_t wasReg = rd.epollReg;
-    rd.epollReg = 0;
+    MqStore(rd.epollReg, 0u);
     RegUnlock(mque);
     QOV_AUTOSYNC_QovLog(AS_LOG_INFO, "epfd unreg, epfd = %d(%u), quefd = %d.", mque->para.epFd, wasReg, rd.eventFd);
     // The removal waits for a dispatch of the registration running on another

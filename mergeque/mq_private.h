@@ -15,6 +15,19 @@
 
 struct MergeQueEntry;
 
+// Words that a report reads on another thread while the queue's own thread
+// changes them (statistics, the item count, the press and overload flags) are
+// read and written as relaxed atomics, so each is seen whole. A report may mix
+// two moments; it is a diagnostic. The owner's own reads stay plain.
+template <class T>
+inline T MqLoad(const T &word) {
+    return __atomic_load_n(&word, __ATOMIC_RELAXED);
+}
+template <class T>
+inline void MqStore(T &word, T value) {
+    __atomic_store_n(&word, value, __ATOMIC_RELAXED);
+}
+
 // Links of the circular read-order list; the list head is one of these too.
 struct MergeQueLink {
     MergeQueLink *next;
@@ -173,7 +186,7 @@ constexpr uint32_t kMqStatStampMask = 0xF;
 // Counting a slot: add to its count and stamp the time when the slot's row
 // says so. Inline, since appends, merges and reads count on every call.
 inline void MqAddReaderStat(MergeQueCtrlBlk *mque, uint32_t id, uint32_t n) {
-    mque->reader.stat[id].cnt += n;
+    MqStore(mque->reader.stat[id].cnt, mque->reader.stat[id].cnt + n);
     if (((kMqReaderStampMask >> id) & 1) != 0) QOV_MergeQueSetTimeStamp(&mque->reader.stat[id].stamp);
 }
 inline void MqCountReaderStat(MergeQueCtrlBlk *mque, uint32_t id) { MqAddReaderStat(mque, id, 1); }

@@ -13,7 +13,7 @@ void QOV_MergeQueDetachMsgList(MergeQueCtrlBlk *mque, MergeQueEntry *entry) {
     MqListUnlink(&entry->link);
     entry->link.next = &entry->link;
     entry->link.prev = &entry->link;
-    if (mque->reader.itemCnt != 0) mque->reader.itemCnt--;
+    if (mque->reader.itemCnt != 0) MqStore(mque->reader.itemCnt, mque->reader.itemCnt - 1);
     MqCountReaderStat(mque, MQ_RSTAT_SUCCESS_READ);
 }
 

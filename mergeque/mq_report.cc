@@ -25,7 +25,7 @@ __attribute__((format(printf, 4, 5))) uint32_t MqPiece(char *buf, uint32_t size,
 uint32_t MqStatRow(char *buf, uint32_t size, uint32_t used, const char *text, const MergeQueStatSlot &slot) {
     char timeText[kTimeTextLen];
     QOV_MergeQueTrans2Time(timeText, sizeof timeText, &slot.stamp);
-    return MqPiece(buf, size, used, kStatRowFmt, text, slot.cnt, timeText);
+    return MqPiece(buf, size, used, kStatRowFmt, text, MqLoad(slot.cnt), timeText);
 }
 
 uint32_t QOV_PrintMergeQueBaseInfo(const MergeQueCtrlBlk *mque, char *buf, uint32_t size) {
@@ -34,7 +34,7 @@ uint32_t QOV_PrintMergeQueBaseInfo(const MergeQueCtrlBlk *mque, char *buf, uint3
     n += MqPiece(buf, size, n, "MQUE-1THD-INFO : MemPtNo [%4u], DataSize [%4u], HashSize [%4u], EpFd [%4d]\n",
                  p.memPtNo, p.dataSize, p.hashSize, p.epFd);
     n += MqPiece(buf, size, n, "MQUE-1THD-MONI : HighWater [%4u], LowWater [%4u], OverLoad [%4u]\n",
-                 mque->monitor.highWater, mque->monitor.lowWater, mque->monitor.overLoad);
+                 mque->monitor.highWater, mque->monitor.lowWater, MqLoad(mque->monitor.overLoad));
     return n;
 }
 
@@ -54,8 +54,8 @@ uint32_t QOV_PrintMergeQueStat(const MergeQueCtrlBlk *mque, char *buf, uint32_t 
 }
 
 uint32_t QOV_PrintMergeQueReaderBaseInfo(const MergeQueReader *reader, char *buf, uint32_t size) {
-    uint32_t n = MqPiece(buf, size, 0, "Reader-ItemCnt : %4u\n", reader->itemCnt);
-    n += MqPiece(buf, size, n, "Reader-INFO : EventFd [%4d/%u]\n", reader->eventFd, reader->epollReg);
+    uint32_t n = MqPiece(buf, size, 0, "Reader-ItemCnt : %4u\n", MqLoad(reader->itemCnt));
+    n += MqPiece(buf, size, n, "Reader-INFO : EventFd [%4d/%u]\n", reader->eventFd, MqLoad(reader->epollReg));
     return n;
 }
 

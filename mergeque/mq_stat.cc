@@ -13,7 +13,7 @@ constexpr uint32_t kStampUsecShift = 44;
 
 void MqSetIfHigher(MergeQueStatSlot *slot, int32_t value) {
     if (value <= static_cast<int32_t>(slot->cnt)) return;
-    slot->cnt = static_cast<uint32_t>(value);
+    MqStore(slot->cnt, static_cast<uint32_t>(value));
     QOV_MergeQueSetTimeStamp(&slot->stamp);
 }
 
@@ -54,8 +54,8 @@ extern "C" {
 int QOV_MergeQueSetTimeStamp(uint64_t *stamp) {
     struct timeval tv {};
     int ret = gettimeofday(&tv, nullptr);
-    *stamp = (static_cast<uint64_t>(tv.tv_sec) & kStampSecMask) |
-             (static_cast<uint64_t>(tv.tv_usec) << kStampUsecShift);
+    MqStore(*stamp, (static_cast<uint64_t>(tv.tv_sec) & kStampSecMask) |
+                        (static_cast<uint64_t>(tv.tv_usec) << kStampUsecShift));
     return ret;
 }
 
@@ -82,12 +82,13 @@ void QOV_MergeQueSetStat(MergeQueCtrlBlk *mque, const void *key) {
 }
 
 char *QOV_MergeQueTrans2Time(char *buf, uint32_t size, const uint64_t *stamp) {
-    if (*stamp == 0) {
+    const uint64_t word = MqLoad(*stamp);
+    if (word == 0) {
         if (sprintf_s(buf, size, "%s", "--:--:--.---") < 0 && buf != nullptr && size != 0) buf[0] = '\0';
         return buf;
     }
-    time_t sec = static_cast<time_t>(*stamp & kStampSecMask);
-    auto msec = static_cast<uint32_t>((*stamp >> kStampUsecShift) / 1000);
+    time_t sec = static_cast<time_t>(word & kStampSecMask);
+    auto msec = static_cast<uint32_t>((word >> kStampUsecShift) / 1000);
     struct tm local {};
     char scratch[32];
     if (localtime_r(&sec, &local) == nullptr || strftime(scratch, sizeof scratch, "%Y-%m-%d %H:%M:%S", &local) < 5 ||

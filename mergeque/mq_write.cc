@@ -32,7 +32,9 @@ MergeQueEntry *QOV_MergeQueNewHashData(MergeQueCtrlBlk *mque, const void *key, c
 void QOV_MergeQueAttachMsgList(MergeQueCtrlBlk *mque, MergeQueEntry *entry) {
     MqListAddTail(&mque->reader.list, &entry->link);
     MqCountReaderStat(mque, MQ_RSTAT_SUCCESS_WRITE);
-    if (++mque->reader.itemCnt != 1) return;
+    const uint32_t items = mque->reader.itemCnt + 1;
+    MqStore(mque->reader.itemCnt, items);
+    if (items != 1) return;
     if (eventfd_write(mque->reader.eventFd, 1) < 0) MqCountReaderStat(mque, MQ_RSTAT_WRITE_NOTIFY_ERR);
 }
 

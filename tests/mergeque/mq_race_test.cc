@@ -111,6 +111,24 @@ void CreateMonitoredAndDestroy(MqTest &t) {
     EXPECT_TRUE(made);
 }
 
+// A queue at work on its own thread (appends and merges over its high water,
+// reads under the low water, a press and a release) while another thread
+// reports on it: every word the report reads is one that the work changes.
+void CreateMonitoredWorkAndDestroy(MqTest &t) {
+    bool made = t.Make("race_q") != nullptr;
+    if (made) {
+        MergeQueMonitorAttr attr{8, 2, 0, [](uint32_t, uint64_t) { return 0u; }};
+        EXPECT_EQ(QOV_MergeQueMonitorReg(t.q_, &attr), 0u);
+        for (uint64_t k = 0; k < 24; ++k) t.Write(k % 16, k);
+        EXPECT_EQ(t.ReadCb(32).size(), 16u);
+        QOV_MergeQueBackPress(t.q_, 0);
+        QOV_MergeQueUnBackPress(t.q_, nullptr);
+        Destroy(t);
+    }
+    g_mineDone = true;
+    EXPECT_TRUE(made);
+}
+
 void PrintInfoUntilMineIsDone(MqTest &) {
     char buf[4096];
     while (!g_mineDone) QOV_PrintMergeQueInfo("race_q", buf, sizeof buf);
@@ -145,6 +163,8 @@ INSTANTIATE_TEST_SUITE_P(
                       RaceCase{"DestroyWhileReading", CreateFilled, Destroy, RunReader},
                       RaceCase{"ListReportWhileFirstCreation", ForgetNameTree, CreateAndDestroy, ListAll},
                       RaceCase{"InfoReportWhileCreating", Nothing, CreateMonitoredAndDestroy,
+                               PrintInfoUntilMineIsDone},
+                      RaceCase{"InfoReportWhileTheQueueWorks", Nothing, CreateMonitoredWorkAndDestroy,
                                PrintInfoUntilMineIsDone},
                       RaceCase{"DestroyWhileReaderHoldsItsQueuePressed", CreatePressing, DestroyWhileInside,
                                RunReader},
